@@ -1,0 +1,120 @@
+// ContextRegistry: the process-wide list of context factories.
+//
+// Overview
+//   Host components register factories (ContextFactoryBase). A caller can
+//   then, in one call each, make a full set of per-context objects (one
+//   ContextBase from each factory), save or restore all of them, copy a set
+//   into a new set, and hand a set back to the factories. A set is a plain
+//   std::vector<ContextBase*> that the caller keeps; entry i belongs to
+//   factory i in registration order. The registry owns neither the factories
+//   nor the contexts.
+//
+//   Register every factory before making the first set: a set made earlier
+//   has fewer entries than there are factories. The operations that pair
+//   entries with factories (destroy, clone) then stop at the shorter of the
+//   two, so a short set is handled without reading past its end.
+//
+// Thread safety
+//   Every operation may be called from any thread; one re-entrant
+//   Corvane::System::CriticalSection serialises them and is held while the
+//   registry calls factories and contexts, which may call back into the
+//   registry on the same thread. An exception from a factory or context
+//   passes out unchanged with the lock released, leaving the work done so far
+//   in place.
+#ifndef VEXUTIL_CONTEXTMGR_CONTEXTREGISTRY_H
+#define VEXUTIL_CONTEXTMGR_CONTEXTREGISTRY_H
+
+#include <cstddef>
+#include <vector>
+
+#include "Corvane/System/CriticalSection.h"
+#include "vexutil/Export.h"
+
+namespace vexutil {
+namespace contextmgr {
+
+// One per-context object; the host derives from it. Note the slot order:
+// restore comes before save.
+class VEXUTIL_API ContextBase {
+ public:
+  virtual ~ContextBase();
+  // Makes this context's state the current one.
+  virtual void restore() = 0;
+  // Records the current state in this context.
+  virtual void save() = 0;
+
+ protected:
+  ContextBase() = default;
+  ContextBase(const ContextBase&) = default;
+  ContextBase& operator=(const ContextBase&) = default;
+};
+
+// Makes, copies and disposes of one kind of context; the host derives from it.
+class VEXUTIL_API ContextFactoryBase {
+ public:
+  virtual ~ContextFactoryBase();
+  // Returns a new context owned by the caller until it is handed to destroy().
+  virtual ContextBase* create() = 0;
+  // Disposes of a context that this factory made.
+  virtual void destroy(ContextBase* context) = 0;
+  // Returns a new copy of a context that this factory made.
+  virtual ContextBase* clone(const ContextBase* context) = 0;
+
+ protected:
+  ContextFactoryBase() = default;
+  ContextFactoryBase(const ContextFactoryBase&) = default;
+  ContextFactoryBase& operator=(const ContextFactoryBase&) = default;
+};
+
+class VEXUTIL_API ContextRegistry {
+ public:
+  using ContextVector = std::vector<ContextBase*>;
+
+  // The registry of the process, made on the first call (thread-safe) and
+  // never destroyed. Never null.
+  static ContextRegistry* getInstance();
+
+  ContextRegistry(const ContextRegistry&) = delete;
+  ContextRegistry& operator=(const ContextRegistry&) = delete;
+
+  // Appends `factory`, which must outlive every use of the registry. A
+  // factory registered twice contributes two contexts to every set. A null
+  // factory is ignored.
+  void registerFactory(ContextFactoryBase* factory);
+
+  // Appends one new context per factory, in registration order. The vector is
+  // not cleared first: pass an empty one to get an index-aligned set.
+  void create(ContextVector& contexts);
+
+  // Hands entry i to factory i for every entry that has a factory, then
+  // empties the vector (its capacity is kept). Null entries are skipped.
+  void destroy(ContextVector& contexts);
+
+  // Calls save() on every entry, in index order; null entries are skipped.
+  void save(ContextVector& contexts) const;
+
+  // Calls restore() on every entry, in index order; null entries are skipped.
+  void restore(ContextVector& contexts) const;
+
+  // Appends to `destination` factory i's clone of source entry i, for every
+  // source entry that has a factory. A null source entry yields a null entry,
+  // so the destination stays index-aligned. `destination` is not cleared
+  // first; it may be `source` itself, and the copies then follow the
+  // originals.
+  void clone(ContextVector& destination, const ContextVector& source) const;
+
+  // Number of registered factories.
+  std::size_t getFactoryCount() const;
+
+ private:
+  ContextRegistry();
+  ~ContextRegistry();
+
+  std::vector<ContextFactoryBase*> factories_;  // Guarded by lock_.
+  mutable Corvane::System::CriticalSection lock_;
+};
+
+}  // namespace contextmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_CONTEXTMGR_CONTEXTREGISTRY_H

@@ -1,0 +1,102 @@
+#include "vexutil/contextmgr/ContextRegistry.h"
+
+#include <algorithm>
+
+namespace vexutil {
+namespace contextmgr {
+
+namespace {
+
+// Holds the critical section for a scope and releases it on every path,
+// exceptions of factories and contexts included.
+class SectionLock {
+ public:
+  explicit SectionLock(Corvane::System::CriticalSection& section) : section_(section) { section_.acquire(); }
+  ~SectionLock() { section_.release(); }
+  SectionLock(const SectionLock&) = delete;
+  SectionLock& operator=(const SectionLock&) = delete;
+
+ private:
+  Corvane::System::CriticalSection& section_;
+};
+
+constexpr std::size_t kReservedFactories = 10;
+
+}  // namespace
+
+ContextBase::~ContextBase() = default;
+ContextFactoryBase::~ContextFactoryBase() = default;
+
+ContextRegistry* ContextRegistry::getInstance() {
+  // Made once under the runtime's guard for local statics; never destroyed.
+  static ContextRegistry* const registry = new ContextRegistry;
+  return registry;
+}
+
+ContextRegistry::ContextRegistry() { factories_.reserve(kReservedFactories); }
+
+ContextRegistry::~ContextRegistry() = default;
+
+void ContextRegistry::registerFactory(ContextFactoryBase* factory) {
+  if (factory == nullptr) {
+    return;
+  }
+  SectionLock lock(lock_);
+  factories_.push_back(factory);
+}
+
+void ContextRegistry::create(ContextVector& contexts) {
+  SectionLock lock(lock_);
+  contexts.reserve(contexts.size() + factories_.size());
+  // Index-based: a factory may register another one from inside create().
+  for (std::size_t i = 0; i < factories_.size(); ++i) {
+    contexts.push_back(factories_[i]->create());
+  }
+}
+
+void ContextRegistry::destroy(ContextVector& contexts) {
+  SectionLock lock(lock_);
+  const std::size_t paired = std::min(factories_.size(), contexts.size());
+  for (std::size_t i = 0; i < paired; ++i) {
+    if (contexts[i] != nullptr) {
+      factories_[i]->destroy(contexts[i]);
+    }
+  }
+  contexts.clear();
+}
+
+void ContextRegistry::save(ContextVector& contexts) const {
+  SectionLock lock(lock_);
+  for (ContextBase* context : contexts) {
+    if (context != nullptr) {
+      context->save();
+    }
+  }
+}
+
+void ContextRegistry::restore(ContextVector& contexts) const {
+  SectionLock lock(lock_);
+  for (ContextBase* context : contexts) {
+    if (context != nullptr) {
+      context->restore();
+    }
+  }
+}
+
+void ContextRegistry::clone(ContextVector& destination, const ContextVector& source) const {
+  SectionLock lock(lock_);
+  const std::size_t paired = std::min(factories_.size(), source.size());
+  // Appending to `source` itself would invalidate what is being read.
+  const ContextVector originals(source.begin(), source.begin() + static_cast<std::ptrdiff_t>(paired));
+  for (std::size_t i = 0; i < paired; ++i) {
+    destination.push_back(originals[i] != nullptr ? factories_[i]->clone(originals[i]) : nullptr);
+  }
+}
+
+std::size_t ContextRegistry::getFactoryCount() const {
+  SectionLock lock(lock_);
+  return factories_.size();
+}
+
+}  // namespace contextmgr
+}  // namespace vexutil

@@ -1,0 +1,84 @@
+// BaseEvent: the base class of every event that passes through the event
+// manager.
+//
+// Overview
+//   An event carries the list of the type names of its class chain, most
+//   derived first and "BaseEvent" last. The manager routes an event by these
+//   names, and a subscriber's adapter checks them before it casts the event
+//   to the class that the subscriber expects. Events are handed to the
+//   manager by reference; the manager copies them with clone() and shares the
+//   copy by boost::shared_ptr from then on.
+//
+// Defining an event type
+//   A host event class derives (directly or through another event class) from
+//   BaseEvent and provides three things:
+//     * a static `typeName()` returning a reference to a constant string that
+//       names the class (routing and the adapter's type test use it);
+//     * constructors, the copy constructor included, that pass the class's
+//       own name, followed by the names of the classes between it and
+//       BaseEvent, to the protected BaseEvent constructor;
+//     * an override of clone() that returns `new Class(*this)`.
+//   See InputRequestEvent for a complete example and README.md for one with
+//   an intermediate base class.
+//
+// Thread safety
+//   An event is immutable once published: the manager and every subscriber
+//   only read it, possibly on different threads. Distinct objects need no
+//   locking; a const event may be read by several threads at once.
+#ifndef VEXUTIL_EVENTMGR_BASEEVENT_H
+#define VEXUTIL_EVENTMGR_BASEEVENT_H
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "vexutil/Export.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+class VEXUTIL_API BaseEvent {
+ public:
+  // Makes an event whose type list is just "BaseEvent".
+  BaseEvent();
+  // Copies the type list of `other`.
+  BaseEvent(const BaseEvent& other);
+  BaseEvent& operator=(const BaseEvent& other);
+  virtual ~BaseEvent();
+
+  // Returns a new heap copy of this event of the same dynamic class; the
+  // caller owns it. Every derived class overrides it to copy itself whole.
+  // Throws std::bad_alloc when memory runs out.
+  virtual BaseEvent* clone() const;
+
+  // Writes the event's description to `out` and returns `out`: three lines,
+  //   "VERSION 0", "TYPESLENGTH <n>" and "TYPES <name>::<name>::...::",
+  // each followed by a line end. Derived classes inherit it unchanged.
+  virtual std::ostream& writeDescription(std::ostream& out) const;
+
+  // The type names of the event's class chain, most derived first and
+  // "BaseEvent" last. Never empty.
+  const std::vector<std::string>& getTypes() const noexcept { return types_; }
+
+  // True when `typeName` is one of the event's type names.
+  bool isOfType(const std::string& typeName) const noexcept;
+
+  // "BaseEvent": the type name of this class, a constant built when the
+  // library is loaded.
+  static const std::string& typeName() noexcept;
+
+ protected:
+  // For derived classes: `typeList` holds the type names from the most
+  // derived class down to, but not necessarily including, "BaseEvent".
+  // "BaseEvent" is appended unless the list already ends with it, so every
+  // event's list ends with "BaseEvent" (an empty list becomes just that).
+  explicit BaseEvent(std::vector<std::string> typeList);
+
+ private:
+  std::vector<std::string> types_;
+};
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_BASEEVENT_H

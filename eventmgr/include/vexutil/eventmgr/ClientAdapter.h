@@ -1,0 +1,72 @@
+// ClientAdapter<Target, Event>: binds an object and one of its member
+// functions as a subscriber.
+//
+// Overview
+//   The adapter holds a plain pointer to the target object (not owned: the
+//   caller keeps the object alive for as long as it is subscribed) and a
+//   pointer to a member function `void (Target::*)(const Event&)`. notify()
+//   calls the member function only for events whose type list contains
+//   Event::typeName(), after a static cast to `const Event&`.
+//
+//   Every Target/Event pair has its own class id; the instance id is the
+//   target's address. Two adapters for one object and one Target/Event pair
+//   are therefore the same subscriber even when they name different member
+//   functions: the manager keeps the first and drops the second.
+//
+// Thread safety
+//   Immutable after construction. notify() runs on the dispatcher thread; the
+//   member function it calls must not assume any other thread.
+//   An exception thrown by the member function passes out of notify() to the
+//   manager, which reports it and goes on; the adapter throws nothing itself.
+#ifndef VEXUTIL_EVENTMGR_CLIENTADAPTER_H
+#define VEXUTIL_EVENTMGR_CLIENTADAPTER_H
+
+#include <cstdint>
+
+#include "vexutil/eventmgr/ClientProxy.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+template <typename Target, typename Event>
+class VEXUTIL_API ClientAdapter : public ClientProxy {
+ public:
+  using Handler = void (Target::*)(const Event&);
+
+  // Stores both pointers and does nothing else. Either may be null; such an
+  // adapter never calls anything.
+  ClientAdapter(Target* target, Handler handler) : target_(target), handler_(handler) {}
+
+  void notify(const BaseEvent& event) const override {
+    if (target_ == nullptr || handler_ == nullptr) {
+      return;
+    }
+    if (!event.isOfType(Event::typeName())) {
+      return;
+    }
+    (target_->*handler_)(static_cast<const Event&>(event));
+  }
+
+  std::uint64_t getClassId() const override { return reinterpret_cast<std::uintptr_t>(&classTag_); }
+
+  std::uint64_t getInstanceId() const override { return reinterpret_cast<std::uintptr_t>(target_); }
+
+  Target* getTarget() const noexcept { return target_; }
+  Handler getHandler() const noexcept { return handler_; }
+
+ private:
+  // One per instantiation; its address is the class id. Exported with the
+  // template so that every module of the process agrees on it.
+  static const char classTag_;
+
+  Target* target_;
+  Handler handler_;
+};
+
+template <typename Target, typename Event>
+const char ClientAdapter<Target, Event>::classTag_ = 0;
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_CLIENTADAPTER_H

@@ -1,0 +1,78 @@
+// ActionContainerEvent: the event that carries work to the dispatcher thread.
+//
+// It holds a function to run there and a completion record (SyncData) on
+// which the requesting thread waits. The dispatcher's own subscription to
+// "ActionContainerEvent" runs the function when the event is delivered and
+// then marks it done. Copies and clones share one SyncData, so whichever copy
+// is marked done, every holder sees it.
+//
+// Completion protocol
+//   The requester locks getMutex() before queueing the event and keeps it
+//   locked except inside waitDone(); markDone() takes the same mutex, so the
+//   flag and its notification can never fall between the requester's test of
+//   the flag and its wait: no wake-up is lost.
+//
+// Thread safety
+//   `done` is read and written only under SyncData::mutex. The action runs on
+//   the dispatcher thread only; the event is otherwise immutable.
+#ifndef VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
+#define VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
+
+#include <string>
+
+#include <boost/chrono.hpp>
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "vexutil/eventmgr/BaseEvent.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+class ActionContainerEvent : public BaseEvent {
+ public:
+  using Clock = boost::chrono::steady_clock;
+
+  struct SyncData {
+    boost::condition_variable cond;  // Notified when `done` becomes true.
+    boost::mutex mutex;              // Guards `done`.
+    bool done = false;               // Set once, never cleared.
+  };
+
+  // Copies `action` (which may be empty) and creates a new SyncData.
+  explicit ActionContainerEvent(const boost::function0<void>& action);
+  // Copies the action and shares the SyncData.
+  ActionContainerEvent(const ActionContainerEvent& other);
+  ActionContainerEvent& operator=(const ActionContainerEvent&) = delete;
+  ~ActionContainerEvent() override;
+
+  ActionContainerEvent* clone() const override;
+
+  // Runs the action, then markDone(). Nothing is caught: if the action throws
+  // (an empty one throws boost::bad_function_call), the event is not marked.
+  void execute() const;
+
+  // Sets `done` and wakes every waiter; harmless when already done.
+  void markDone() const;
+
+  // True at once when done. Otherwise one timed wait on the condition until
+  // `deadline` (no loop), then the flag. `lock` must hold getMutex(); a lock
+  // that does not own its mutex throws boost::lock_error.
+  bool waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline) const;
+
+  // The SyncData mutex, for the requester's lock.
+  boost::mutex& getMutex() const;
+
+  // "ActionContainerEvent".
+  static const std::string& typeName() noexcept;
+
+  boost::function0<void> action;
+  boost::shared_ptr<SyncData> syncData;
+};
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H

@@ -1,0 +1,39 @@
+// DummyEventMgr: the no-op manager that EventMgr::instance() returns after
+// the default manager has been shut down. Every operation does nothing; the
+// counts are 0 and isDispatchOrMainThread() is false. Stateless, so it may be
+// used from any thread at any time.
+#ifndef VEXUTIL_EVENTMGR_SRC_DUMMYEVENTMGR_H
+#define VEXUTIL_EVENTMGR_SRC_DUMMYEVENTMGR_H
+
+#include "vexutil/eventmgr/EventMgr.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+class DummyEventMgr final : public EventMgr {
+ public:
+  DummyEventMgr();
+  ~DummyEventMgr() override;
+
+  using EventMgr::subscribe;
+  using EventMgr::unSubscribe;
+
+  void publish(const BaseEvent& event, bool synchronous) override;
+  void publish(const BaseEvent& event) override;
+  unsigned int getSubscriptionCount() const override;
+  unsigned int getPendingEventCount() const override;
+  bool isDispatchOrMainThread() const override;
+  void subscribe(const std::string& eventType, const ClientPtr& client) override;
+  void subscribe(const TypeList& eventTypes, const ClientPtr& client) override;
+  void subscribe(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes,
+                 const ClientPtr& client) override;
+  void unSubscribe(const std::string& eventType, const ClientPtr& client) override;
+  void unSubscribe(const TypeList& eventTypes, const ClientPtr& client) override;
+  void unSubscribe(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes,
+                   const ClientPtr& client) override;
+};
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_SRC_DUMMYEVENTMGR_H

@@ -1,0 +1,101 @@
+#include "EventDispatcher.h"
+
+#include <boost/bind/bind.hpp>
+#include <boost/function.hpp>
+
+#include "DefaultEventMgr.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+namespace {
+
+thread_local EventDispatcher* currentDispatcher = nullptr;
+
+// Sets a flag for the lifetime of a scope, also when an exception passes.
+class FlagGuard {
+ public:
+  explicit FlagGuard(std::atomic<bool>& flag) : flag_(flag) { flag_.store(true, std::memory_order_release); }
+  ~FlagGuard() { flag_.store(false, std::memory_order_release); }
+  FlagGuard(const FlagGuard&) = delete;
+  FlagGuard& operator=(const FlagGuard&) = delete;
+
+ private:
+  std::atomic<bool>& flag_;
+};
+
+// Marks the calling thread as the one that runs `dispatcher`'s loop.
+class CurrentDispatcherScope {
+ public:
+  explicit CurrentDispatcherScope(EventDispatcher* dispatcher) { currentDispatcher = dispatcher; }
+  ~CurrentDispatcherScope() { currentDispatcher = nullptr; }
+  CurrentDispatcherScope(const CurrentDispatcherScope&) = delete;
+  CurrentDispatcherScope& operator=(const CurrentDispatcherScope&) = delete;
+};
+
+// The thread's entry point. An exception that ends the loop is discarded
+// here so that it never reaches the process; the thread simply ends.
+void threadMain(EventDispatcher* dispatcher, const boost::shared_ptr<boost::barrier>& startBarrier,
+                DefaultEventMgr* manager) {
+  try {
+    dispatcher->run(startBarrier, manager);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a failed cycle ends the thread quietly.
+  }
+}
+
+}  // namespace
+
+EventDispatcher::EventDispatcher() = default;
+
+EventDispatcher::~EventDispatcher() {
+  if (thread_ && thread_->joinable()) {
+    thread_->detach();
+  }
+}
+
+EventDispatcher* EventDispatcher::current() noexcept { return currentDispatcher; }
+
+void EventDispatcher::start(DefaultEventMgr* manager) {
+  boost::mutex::scoped_lock lock(mutex_);
+  if (isRunning()) {
+    return;
+  }
+  boost::shared_ptr<boost::barrier> startBarrier(new boost::barrier(2));
+  boost::function0<void> threadFunction = boost::bind(&threadMain, this, startBarrier, manager);
+  boost::shared_ptr<boost::thread> previous = thread_;
+  thread_.reset(new boost::thread(threadFunction));
+  if (previous && previous->joinable()) {
+    // The previous thread left its loop by an exception and is only
+    // finishing its epilogue; joining it here means no thread of this
+    // library outlives its manager unnoticed.
+    previous->join();
+  }
+  startBarrier->wait();
+}
+
+void EventDispatcher::stop(DefaultEventMgr* manager) {
+  boost::mutex::scoped_lock lock(mutex_);
+  if (!isRunning()) {
+    return;
+  }
+  setStopRequested(true);
+  manager->wakeDispatcher();
+  if (!isDispatcherThread() && thread_ && thread_->joinable()) {
+    thread_->join();
+  }
+}
+
+void EventDispatcher::run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager) {
+  threadId_.store(Corvane::System::ThreadId::self(), std::memory_order_release);
+  FlagGuard runningGuard(running_);
+  CurrentDispatcherScope currentScope(this);
+  startBarrier->wait();
+  while (!isStopRequested()) {
+    manager->dispatchNext();
+  }
+}
+
+void EventDispatcher::onActionEvent(const ActionContainerEvent& event) { event.execute(); }
+
+}  // namespace eventmgr
+}  // namespace vexutil

@@ -1,0 +1,83 @@
+// EventDispatcher: owns the worker thread of a DefaultEventMgr, the
+// dispatcher thread.
+//
+// The thread calls the manager's dispatchNext() until a stop is requested.
+// start() returns only when the new thread has recorded its id and is
+// running, so right after start() the thread can be recognised. An exception
+// out of dispatchNext() ends the thread quietly; the manager's next
+// ensureDispatcherRunning() starts a new one, with a new thread id. stop()
+// is final: the stop request is never withdrawn.
+//
+// Thread safety
+//   start() and stop() are serialised by mutex_ and may be called from any
+//   thread; stop() joins while holding it, and the dispatcher thread never
+//   takes it. The flags and the thread id are atomics: they are read without
+//   a lock by the loop, by ensureDispatcherRunning() and by the
+//   dispatcher-thread test.
+//   Lock order: a manager's queue mutex is never held while mutex_ is taken;
+//   a waiting requester may hold its action's mutex while it takes mutex_.
+#ifndef VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
+#define VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
+
+#include <atomic>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/barrier.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/thread.hpp>
+
+#include "ActionContainerEvent.h"
+#include "Corvane/System/ThreadId.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+class DefaultEventMgr;
+
+class EventDispatcher {
+ public:
+  EventDispatcher();
+  // Releases the thread object without joining it (it is detached).
+  ~EventDispatcher();
+  EventDispatcher(const EventDispatcher&) = delete;
+  EventDispatcher& operator=(const EventDispatcher&) = delete;
+
+  // Starts the thread unless it is running; returns once it runs.
+  void start(DefaultEventMgr* manager);
+
+  // Requests the stop, wakes the loop and, unless called on the dispatcher
+  // thread itself, joins the thread. Does nothing when the thread does not
+  // run (the stop request then stays unset).
+  void stop(DefaultEventMgr* manager);
+
+  // The thread function.
+  void run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager);
+
+  // The dispatcher's subscription to "ActionContainerEvent": runs the action.
+  void onActionEvent(const ActionContainerEvent& event);
+
+  bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
+  bool isStopRequested() const noexcept { return stopRequested_.load(std::memory_order_acquire); }
+  void setStopRequested(bool value) noexcept { stopRequested_.store(value, std::memory_order_release); }
+
+  // The id of the dispatcher thread; no thread before the first start.
+  Corvane::System::ThreadId getThreadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
+
+  // True when the calling thread is this dispatcher's thread.
+  bool isDispatcherThread() const noexcept { return Corvane::System::ThreadId::self() == getThreadId(); }
+
+  // The dispatcher whose loop runs on the calling thread, or null.
+  static EventDispatcher* current() noexcept;
+
+ private:
+  boost::shared_ptr<boost::thread> thread_;  // Guarded by mutex_.
+  std::atomic<bool> stopRequested_{false};
+  std::atomic<Corvane::System::ThreadId> threadId_{Corvane::System::ThreadId()};
+  std::atomic<bool> running_{false};
+  boost::mutex mutex_;  // Serialises start() and stop().
+};
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H

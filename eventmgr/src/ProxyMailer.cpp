@@ -1,0 +1,132 @@
+#include "vexutil/eventmgr/ProxyMailer.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "vexutil/eventmgr/EventMgr.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+ProxyMailer::ProxyMailer(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes,
+                         boost::shared_ptr<ClientProxy> client)
+    : client_(std::move(client)),
+      delayedInputTypes_(delayedInputTypes.begin(), delayedInputTypes.end()),
+      triggerInputTypes_(triggerInputTypes.begin(), triggerInputTypes.end()) {
+  processInputTypes();
+  createSubscriptions();
+}
+
+ProxyMailer::~ProxyMailer() {
+  try {
+    deleteSubscriptions();
+    clearAll();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor lets nothing out.
+  }
+}
+
+void ProxyMailer::processInputTypes() {
+  TypeList onlyInOne;
+  std::set_symmetric_difference(delayedInputTypes_.begin(), delayedInputTypes_.end(), triggerInputTypes_.begin(),
+                                triggerInputTypes_.end(), std::back_inserter(onlyInOne));
+  if (onlyInOne.size() == delayedInputTypes_.size() + triggerInputTypes_.size()) {
+    // Disjoint groups: no intersection or differences to compute.
+    triggerTypes_.assign(triggerInputTypes_.begin(), triggerInputTypes_.end());
+    delayedTypes_.assign(delayedInputTypes_.begin(), delayedInputTypes_.end());
+    return;
+  }
+  std::set_intersection(delayedInputTypes_.begin(), delayedInputTypes_.end(), triggerInputTypes_.begin(),
+                        triggerInputTypes_.end(), std::back_inserter(combinedTypes_));
+  std::set_difference(delayedInputTypes_.begin(), delayedInputTypes_.end(), combinedTypes_.begin(),
+                      combinedTypes_.end(), std::back_inserter(delayedTypes_));
+  std::set_difference(triggerInputTypes_.begin(), triggerInputTypes_.end(), combinedTypes_.begin(),
+                      combinedTypes_.end(), std::back_inserter(triggerTypes_));
+}
+
+void ProxyMailer::createSubscriptions() {
+  EventMgr* const manager = EventMgr::instance();
+  for (const std::string& name : triggerTypes_) {
+    manager->subscribe(name, this, &ProxyMailer::triggerHandler);
+  }
+  for (const std::string& name : delayedTypes_) {
+    manager->subscribe(name, this, &ProxyMailer::delayedHandler);
+  }
+  for (const std::string& name : combinedTypes_) {
+    manager->subscribe(name, this, &ProxyMailer::combinedHandler);
+  }
+}
+
+void ProxyMailer::deleteSubscriptions() {
+  EventMgr* const manager = EventMgr::instance();
+  for (const std::string& name : triggerTypes_) {
+    manager->unSubscribe(name, this, &ProxyMailer::triggerHandler);
+  }
+  for (const std::string& name : delayedTypes_) {
+    manager->unSubscribe(name, this, &ProxyMailer::delayedHandler);
+  }
+  for (const std::string& name : combinedTypes_) {
+    manager->unSubscribe(name, this, &ProxyMailer::combinedHandler);
+  }
+}
+
+void ProxyMailer::clearAll() {
+  delayedInputTypes_.clear();
+  triggerInputTypes_.clear();
+  combinedTypes_.clear();
+  delayedTypes_.clear();
+  triggerTypes_.clear();
+  delayedEvents_.clear();
+}
+
+bool ProxyMailer::operator<(const ProxyMailer& other) const {
+  const ClientProxy* const mine = client_.get();
+  const ClientProxy* const theirs = other.client_.get();
+  if (mine == nullptr || theirs == nullptr) {
+    // Only a mailer built directly with a null client gets here; it sorts
+    // before every other one.
+    if (mine != theirs) {
+      return mine == nullptr;
+    }
+  } else if (clientLess(*mine, *theirs) || clientLess(*theirs, *mine)) {
+    return clientLess(*mine, *theirs);
+  }
+  if (delayedInputTypes_ != other.delayedInputTypes_) {
+    return delayedInputTypes_ < other.delayedInputTypes_;
+  }
+  return triggerInputTypes_ < other.triggerInputTypes_;
+}
+
+void ProxyMailer::delayedHandler(const BaseEvent& event) {
+  const boost::shared_ptr<BaseEvent> copy(event.clone());
+  if (copy) {
+    delayedEvents_.push_back(copy);
+  }
+}
+
+void ProxyMailer::triggerHandler(const BaseEvent& /*event*/) {
+  // Walk by index over the events present when the walk starts: an event
+  // stored meanwhile (a re-entering client) may reallocate the vector.
+  const std::size_t batchSize = delayedEvents_.size();
+  for (std::size_t index = 0; index < batchSize && index < delayedEvents_.size(); ++index) {
+    // A copy of the pointer keeps the event alive even if the client clears
+    // the mailer from inside notify().
+    const boost::shared_ptr<BaseEvent> stored = delayedEvents_[index];
+    notify(stored);
+  }
+  delayedEvents_.clear();
+}
+
+void ProxyMailer::combinedHandler(const BaseEvent& event) {
+  delayedHandler(event);
+  triggerHandler(event);
+}
+
+void ProxyMailer::notify(const boost::shared_ptr<BaseEvent>& storedEvent) const {
+  if (client_ && storedEvent) {
+    client_->notify(*storedEvent);
+  }
+}
+
+}  // namespace eventmgr
+}  // namespace vexutil

@@ -1,0 +1,10 @@
+#include "vexutil/version/Version.h"
+
+#ifndef VEXUTIL_VERSION_STRING
+#error "VEXUTIL_VERSION_STRING must be defined by the build"
+#endif
+
+extern "C" {
+const char* const libvexutil_version = VEXUTIL_VERSION_STRING;
+const char* const libvexutil_build_date = __DATE__;
+}
