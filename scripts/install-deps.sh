@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs, with apt-get, whatever this project needs that the machine lacks.
+# Usage: scripts/install-deps.sh [core|all]
+#   core: building the library, the demo and the tests (default)
+#   all:  also the systems that the comparison benchmark measures
+set -euo pipefail
+
+group="${1:-core}"
+packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
+          libgtest-dev libgmock-dev libbenchmark-dev)
+if [ "$group" = "all" ]; then
+  packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+
+echo "Installing: ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  sudo=sudo
+else
+  sudo=
+fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
