@@ -1,14 +1,50 @@
 #include "ActionContainerEvent.h"
 
+#include <pthread.h>
+#include <time.h>
+
 #include <boost/thread/exceptions.hpp>
 
 #include "TypeNames.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define VEXUTIL_CPU_RELAX() _mm_pause()
+#else
+#define VEXUTIL_CPU_RELAX() ((void)0)
+#endif
 
 namespace vexutil {
 namespace eventmgr {
 
 namespace {
+
 const std::string kActionContainerEventTypeName VEXUTIL_EARLY_STATIC("ActionContainerEvent");
+
+// How long markDone() keeps trying for the mutex before it sleeps on it.
+constexpr auto kLockSpin = boost::chrono::microseconds(20);
+
+// The requester holds the mutex between its polls and lets it go only inside
+// its timed wait. A dispatcher that finishes the action before the requester
+// has reached that wait would otherwise sleep on the mutex and cost a second
+// wake-up per round trip; the requester gets there within microseconds.
+void lockAfterShortSpin(boost::mutex& mutex) {
+  if (mutex.try_lock()) {
+    return;
+  }
+  const ActionContainerEvent::Clock::time_point spinEnd = ActionContainerEvent::Clock::now() + kLockSpin;
+  for (unsigned spins = 1;; ++spins) {
+    VEXUTIL_CPU_RELAX();
+    if (mutex.try_lock()) {
+      return;
+    }
+    if ((spins & 15U) == 0 && ActionContainerEvent::Clock::now() >= spinEnd) {
+      break;
+    }
+  }
+  mutex.lock();
+}
+
 }  // namespace
 
 const std::string& ActionContainerEvent::typeName() noexcept { return kActionContainerEventTypeName; }
@@ -36,9 +72,16 @@ void ActionContainerEvent::execute() const {
 }
 
 void ActionContainerEvent::markDone() const {
-  boost::mutex::scoped_lock lock(syncData->mutex);
-  syncData->done = true;
-  syncData->cond.notify_all();
+  SyncData& sync = *syncData;
+  lockAfterShortSpin(sync.mutex);
+  sync.done = true;
+  sync.mutex.unlock();
+  // Notified after the unlock, so that the woken requester does not run into
+  // the mutex still held here and sleep once more. Nothing is lost: a waiter
+  // tests `done` under the mutex and is registered with the condition before
+  // its wait lets the mutex go, so it has either seen the flag or gets this
+  // notification. The event that is being marked keeps `sync` alive.
+  sync.cond.notify_all();
 }
 
 bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline) const {
@@ -59,7 +102,19 @@ bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock
   if (syncData->done) {
     return true;
   }
-  syncData->cond.wait_until(lock, deadline);
+  // The wait goes straight to the condition with the requester's own mutex.
+  // boost's wait_until parks the waiter on the condition's internal mutex
+  // instead, which the notifier holds while it wakes, and then takes the
+  // requester's mutex again: a woken requester often sleeps a second time on
+  // one of them. The condition is signalled with notify_all() as before.
+  const auto sinceEpoch =
+      boost::chrono::duration_cast<boost::chrono::nanoseconds>(deadline.time_since_epoch()).count();
+  timespec until{};
+  until.tv_sec = static_cast<time_t>(sinceEpoch / 1000000000);
+  until.tv_nsec = static_cast<long>(sinceEpoch % 1000000000);
+  // steady_clock is CLOCK_MONOTONIC; a timeout, a wake-up and a spurious
+  // return all end in the test of the flag.
+  pthread_cond_clockwait(syncData->cond.native_handle(), syncData->mutex.native_handle(), CLOCK_MONOTONIC, &until);
   return syncData->done;
 }
 

@@ -8,9 +8,10 @@
 //
 // Completion protocol
 //   The requester locks getMutex() before queueing the event and keeps it
-//   locked except inside waitDone(); markDone() takes the same mutex, so the
-//   flag and its notification can never fall between the requester's test of
-//   the flag and its wait: no wake-up is lost.
+//   locked except inside waitDone(); markDone() sets the flag under the same
+//   mutex, so the flag can never fall between the requester's test of it and
+//   its wait: no wake-up is lost. markDone() notifies after it has let the
+//   mutex go, so that the woken requester finds the mutex free.
 //
 // Thread safety
 //   `done` is read and written only under SyncData::mutex. The action runs on
@@ -54,12 +55,14 @@ class ActionContainerEvent : public BaseEvent {
   // (an empty one throws boost::bad_function_call), the event is not marked.
   void execute() const;
 
-  // Sets `done` and wakes every waiter; harmless when already done.
+  // Sets `done` and wakes every waiter; harmless when already done. Tries
+  // for the mutex for a few microseconds before it sleeps on it.
   void markDone() const;
 
   // True at once when done. Otherwise one timed wait on the condition until
   // `deadline` (no loop), then the flag. `lock` must hold getMutex(); a lock
-  // that does not own its mutex throws boost::lock_error.
+  // that does not own its mutex throws boost::lock_error. The wait is not a
+  // boost::thread interruption point.
   bool waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline) const;
 
   // The SyncData mutex, for the requester's lock.

@@ -141,7 +141,7 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
     enqueue(copy, true);
     return;
   }
-  runSynchronously(boost::bind(&DefaultEventMgr::deliver, this, copy), true);
+  runSynchronously(boost::bind(&DefaultEventMgr::deliver, this, copy), true, std::move(self));
 }
 
 void DefaultEventMgr::publish(const BaseEvent& event) { publish(event, true); }
@@ -419,14 +419,32 @@ void DefaultEventMgr::printPendingReport() {
 
 // --- Synchronous requests ----------------------------------------------------------
 
-void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, bool atBack) {
+void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, bool atBack,
+                                       boost::shared_ptr<DefaultEventMgr> holder) {
   const boost::shared_ptr<ActionContainerEvent> action(new ActionContainerEvent(function));
   if (isDispatcherThread()) {
     throw NotifyDeadlockException();
   }
+  // Hold the manager while the request is queued; between polls only the
+  // weak reference remains, so that the manager can be destroyed meanwhile.
+  if (!holder) {
+    holder = weakSelf_.lock();
+    if (!holder) {
+      return;  // No owner: shut down, nothing runs any more.
+    }
+  }
   boost::mutex::scoped_lock lock(action->getMutex());
   enqueue(action, atBack);
   const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
+  // If this thread ends up letting the manager go, its destructor marks the
+  // queued actions done, this one included: it must not find the action's
+  // mutex held by its own thread.
+  const auto dropUnlocked = [&lock](boost::shared_ptr<DefaultEventMgr>& manager) {
+    lock.unlock();
+    manager.reset();
+    lock.lock();
+  };
+  dropUnlocked(holder);
   unsigned long polls = 0;
   for (;;) {
     {
@@ -434,27 +452,19 @@ void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, b
       if (!manager) {
         return;  // Shut down: the request is released without having run.
       }
-      // If this thread ends up letting the manager go, its destructor marks
-      // the queued actions done, this one included: it must not find the
-      // action's mutex held by its own thread.
-      struct DropManagerUnlocked {
-        boost::mutex::scoped_lock& lock;
-        boost::shared_ptr<DefaultEventMgr>& manager;
-        ~DropManagerUnlocked() {
-          if (lock.owns_lock()) {
-            lock.unlock();
-            manager.reset();
-            lock.lock();
-          }
-        }
-      } dropManagerUnlocked{lock, manager};
       manager->ensureDispatcherRunning();
       manager->printPendingReport();
       if (polls == kDeadlockReportPoll) {
         hxPuts(kDeadlockReport);
       }
       ++polls;
-      manager->invokeOnceOnMainThread();
+      try {
+        manager->invokeOnceOnMainThread();
+      } catch (...) {
+        dropUnlocked(manager);
+        throw;
+      }
+      dropUnlocked(manager);
     }
     if (action->waitDone(lock, Clock::now() + kPollInterval)) {
       return;

@@ -126,6 +126,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   void ensureDispatcherRunning();
   // Prints the pending report, if any, on the calling thread.
   void printPendingReport();
+  // True while a subscriber-failure report waits to be printed.
+  bool hasPendingReport() const noexcept { return reportPending_.load(std::memory_order_acquire); }
   // True on the dispatcher thread.
   bool isDispatcherThread() const noexcept;
   // True when the dispatcher exists and its stop was requested.
@@ -146,7 +148,10 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   void enqueue(const EventPtr& event, bool atBack);
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
-  void runSynchronously(const boost::function0<void>& function, bool atBack);
+  // `holder`, if given, is the caller's share of the manager; it is let go
+  // once the request is queued.
+  void runSynchronously(const boost::function0<void>& function, bool atBack,
+                        boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
   // Stores a subscriber-failure report, replacing an unprinted one.
   void storePendingReport(std::string report);
   // Adjusts the client-subscription count when the set of `eventType`

@@ -112,6 +112,11 @@ void ensureDefaultManagerCreated() {
   }
 }
 
+bool isDefaultManagerCreated() {
+  EventMgr* const current = currentManager.load(std::memory_order_acquire);
+  return current != nullptr && current != dummyInstance();
+}
+
 void releaseOwner() {
   boost::shared_ptr<DefaultEventMgr> released;
   {

@@ -40,6 +40,9 @@ void switchInstanceToDummy();
 // nothing after shutdown.
 void ensureDefaultManagerCreated();
 
+// True while the default manager exists (created and not yet shut down).
+bool isDefaultManagerCreated();
+
 // Lets the owner go, as unloading the library does. The manager is destroyed
 // now unless another thread holds it for the moment (inside a publish or a
 // poll), in which case that thread destroys it when it lets go.
