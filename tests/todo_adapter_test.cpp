@@ -149,6 +149,7 @@ TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
     std::this_thread::yield();
   }
   EXPECT_TRUE(freshRan.load());
+  EXPECT_TRUE(recorder.waitFor(1));  // The delivery is over before the recorder goes.
   EXPECT_EQ(staleRuns.load(), 0);
 }
 

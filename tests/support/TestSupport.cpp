@@ -11,11 +11,11 @@ namespace testing_support {
 
 using eventmgr::BaseEvent;
 
+// Notifies under the lock: a waiter may destroy the object as soon as it
+// sees the change, so nothing may touch it after the lock is released.
 void Gate::open() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  open_ = true;
   opened_.notify_all();
 }
 
@@ -30,10 +30,8 @@ bool Gate::wait() const {
 }
 
 void Counter::add(std::size_t amount) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    value_ += amount;
-  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  value_ += amount;
   changed_.notify_all();
 }
 
