@@ -29,7 +29,7 @@ ContextFactoryBase::~ContextFactoryBase() = default;
 
 ContextRegistry* ContextRegistry::getInstance() {
   // Made once under the runtime's guard for local statics; never destroyed.
-  static ContextRegistry* const registry = new ContextRegistry;
+  static auto* const registry = new ContextRegistry;
   return registry;
 }
 
@@ -49,7 +49,7 @@ void ContextRegistry::create(ContextVector& contexts) {
   SectionLock lock(lock_);
   contexts.reserve(contexts.size() + factories_.size());
   // Index-based: a factory may register another one from inside create().
-  for (std::size_t i = 0; i < factories_.size(); ++i) {
+  for (std::size_t i = 0; i < factories_.size(); ++i) {  // NOLINT(modernize-loop-convert)
     contexts.push_back(factories_[i]->create());
   }
 }

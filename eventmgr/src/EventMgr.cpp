@@ -23,7 +23,7 @@ namespace {
 template <typename T>
 class Immortal {
  public:
-  Immortal() { new (static_cast<void*>(storage_)) T(); }
+  Immortal() { new (static_cast<void*>(storage_)) T(); }  // NOLINT(cppcoreguidelines-pro-type-member-init)
   ~Immortal() = default;
   Immortal(const Immortal&) = delete;
   Immortal& operator=(const Immortal&) = delete;

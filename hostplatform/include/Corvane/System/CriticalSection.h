@@ -24,7 +24,7 @@ namespace System {
 class CORVANE_SYSTEM_API CriticalSection {
  public:
   CriticalSection();
-  ~CriticalSection();
+  ~CriticalSection();  // NOLINT(performance-trivially-destructible): out of line for a stable ABI.
   CriticalSection(const CriticalSection&) = delete;
   CriticalSection& operator=(const CriticalSection&) = delete;
 
