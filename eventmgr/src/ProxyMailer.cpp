@@ -44,30 +44,37 @@ void ProxyMailer::processInputTypes() {
                       combinedTypes_.end(), std::back_inserter(triggerTypes_));
 }
 
+namespace {
+
+// Calls visit(name, handler) for every name of the three lists, in the order
+// in which they are subscribed and withdrawn: trigger, delayed, combined.
+template <typename Visit>
+void forEachSubscription(const ProxyMailer& mailer, Visit visit) {
+  for (const std::string& name : mailer.getTriggerTypes()) {
+    visit(name, &ProxyMailer::triggerHandler);
+  }
+  for (const std::string& name : mailer.getDelayedTypes()) {
+    visit(name, &ProxyMailer::delayedHandler);
+  }
+  for (const std::string& name : mailer.getCombinedTypes()) {
+    visit(name, &ProxyMailer::combinedHandler);
+  }
+}
+
+}  // namespace
+
 void ProxyMailer::createSubscriptions() {
   EventMgr* const manager = EventMgr::instance();
-  for (const std::string& name : triggerTypes_) {
-    manager->subscribe(name, this, &ProxyMailer::triggerHandler);
-  }
-  for (const std::string& name : delayedTypes_) {
-    manager->subscribe(name, this, &ProxyMailer::delayedHandler);
-  }
-  for (const std::string& name : combinedTypes_) {
-    manager->subscribe(name, this, &ProxyMailer::combinedHandler);
-  }
+  forEachSubscription(*this, [this, manager](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
+    manager->subscribe(name, this, handler);
+  });
 }
 
 void ProxyMailer::deleteSubscriptions() {
   EventMgr* const manager = EventMgr::instance();
-  for (const std::string& name : triggerTypes_) {
-    manager->unSubscribe(name, this, &ProxyMailer::triggerHandler);
-  }
-  for (const std::string& name : delayedTypes_) {
-    manager->unSubscribe(name, this, &ProxyMailer::delayedHandler);
-  }
-  for (const std::string& name : combinedTypes_) {
-    manager->unSubscribe(name, this, &ProxyMailer::combinedHandler);
-  }
+  forEachSubscription(*this, [this, manager](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
+    manager->unSubscribe(name, this, handler);
+  });
 }
 
 void ProxyMailer::clearAll() {
