@@ -134,12 +134,15 @@ TEST(ManagerShutdown, DropsQueuedEventsAndReleasesRequesters) {
   Recorder recorder;
   // Holds the dispatcher until the shutdown has taken the queue and asked
   // the dispatcher to stop, so that nothing queued can be delivered.
+  Gate holding;
   blocker.setAction([&](const BaseEvent&) {
+    holding.open();
     EXPECT_TRUE(eventually([] { return EventDispatcher::current()->isStopRequested(); }));
   });
   manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
   manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
   manager.publish(InputRequestEvent(), false);
+  ASSERT_TRUE(holding.wait());  // From here on the queue only grows.
   manager.publish(TestEvent(1), false);
   std::thread synchronousPublisher([&] { manager.publish(TestEvent(2), true); });
   Recorder neverSubscribed;

@@ -176,3 +176,15 @@ TEST(ClientOrdering, SameClassByInstanceIdOtherwiseMutuallyLess) {
   EXPECT_TRUE(clientLess(a, c));
   EXPECT_TRUE(clientLess(c, a));
 }
+
+// Assignment never changes an event's type list, even across classes.
+TEST(BaseEvent, AssignmentKeepsTheOwnTypeList) {
+  DerivedTestEvent derived(1);
+  BaseEvent& asBase = derived;
+  asBase = BaseEvent();
+  EXPECT_EQ(derived.getTypes(), (std::vector<std::string>{"DerivedTestEvent", "TestEvent", "BaseEvent"}));
+  InputRequestEvent input(1, 2, 3, true);
+  input = InputRequestEvent();
+  EXPECT_EQ(input.getTypes(), (std::vector<std::string>{"InputRequestEvent", "BaseEvent"}));
+  EXPECT_EQ(input.getCombinedStatus(), -1);
+}

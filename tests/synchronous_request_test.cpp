@@ -86,7 +86,9 @@ TEST(SynchronousRequests, ShutdownReleasesAllWaiters) {
   EventMgr& manager = *EventMgr::instance();
   Recorder blocker;
   // Holds the dispatcher until the shutdown has taken the queue.
-  blocker.setAction([](const BaseEvent&) {
+  Gate holding;
+  blocker.setAction([&holding](const BaseEvent&) {
+    holding.open();
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (!vexutil::eventmgr::EventDispatcher::current()->isStopRequested() &&
            std::chrono::steady_clock::now() < deadline) {
@@ -95,6 +97,7 @@ TEST(SynchronousRequests, ShutdownReleasesAllWaiters) {
   });
   manager.subscribe("TestEvent", &blocker, &Recorder::onTest);
   manager.publish(TestEvent(), false);
+  ASSERT_TRUE(holding.wait());  // From here on the queue only grows.
   constexpr int kWaiters = 6;
   Counter returned;
   std::vector<std::thread> waiters;

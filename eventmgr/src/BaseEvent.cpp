@@ -24,7 +24,10 @@ BaseEvent::BaseEvent(std::vector<std::string> typeList) : types_(std::move(typeL
 }
 
 BaseEvent::BaseEvent(const BaseEvent& other) = default;
-BaseEvent& BaseEvent::operator=(const BaseEvent& other) = default;
+// The type list names the object's own class, so assignment leaves it alone:
+// copying it from an event of another class would make this one claim a
+// class it is not.
+BaseEvent& BaseEvent::operator=(const BaseEvent& /*other*/) { return *this; }
 BaseEvent::~BaseEvent() = default;
 
 BaseEvent* BaseEvent::clone() const { return new BaseEvent(*this); }
