@@ -2,7 +2,9 @@
 // receives, and the manager's two-list subscribe and unSubscribe.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -264,6 +266,30 @@ TEST(CombinedSubscription, TwoListCallsInsideNotifyAreRefused) {
   events.publish(TestEvent(), true);
   EXPECT_EQ(outcomes, (Names{"refused", "refused"}));
   EXPECT_EQ(manager().getMailerCount(), 1U);
+}
+
+// Removing a combined subscription while its events flow never hands the client an event twice.
+TEST(CombinedSubscription, UnsubscribeNeverDuplicatesDeliveries) {
+  EventMgr& events = *EventMgr::instance();
+  Client client;
+  std::atomic<bool> stop{false};
+  std::thread publisher([&] {
+    for (int tag = 0; !stop; ++tag) {
+      events.publish(Named("Edit", tag), false);
+      events.publish(Named("Commit", tag), false);
+    }
+  });
+  for (int round = 0; round < 50; ++round) {
+    events.subscribe(Names{"Edit"}, Names{"Commit"}, proxyFor(client));
+    events.unSubscribe(Names{"Edit"}, Names{"Commit"}, proxyFor(client));
+  }
+  stop = true;
+  publisher.join();
+  drainQueue();
+  std::set<std::string> seen;
+  for (const std::string& label : client.received) {
+    EXPECT_TRUE(seen.insert(label).second) << label << " arrived twice";
+  }
 }
 
 // Two-list subscribes and unsubscribes from several threads neither corrupt the set nor deadlock.

@@ -3,16 +3,15 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <boost/make_shared.hpp>
 #include <boost/thread/exceptions.hpp>
 
 #include "TypeNames.h"
-
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define VEXUTIL_CPU_RELAX() _mm_pause()
-#else
-#define VEXUTIL_CPU_RELAX() ((void)0)
-#endif
 
 namespace vexutil {
 namespace eventmgr {
@@ -20,6 +19,13 @@ namespace eventmgr {
 namespace {
 
 const std::string kActionContainerEventTypeName VEXUTIL_EARLY_STATIC("ActionContainerEvent");
+
+// The type list of every action event, built once: every synchronous request
+// makes an action event, and copying a finished list costs one allocation
+// less than building it from the two names. Spelled out rather than taken
+// from the name constants, whose construction in other files may come later.
+const std::vector<std::string> kActionContainerEventTypeList VEXUTIL_EARLY_STATIC{"ActionContainerEvent",
+                                                                                  "BaseEvent"};
 
 // How long markDone() keeps trying for the mutex before it sleeps on it.
 constexpr auto kLockSpin = boost::chrono::microseconds(20);
@@ -33,15 +39,14 @@ void lockAfterShortSpin(boost::mutex& mutex) {
     return;
   }
   const ActionContainerEvent::Clock::time_point spinEnd = ActionContainerEvent::Clock::now() + kLockSpin;
-  for (unsigned spins = 1;; ++spins) {
-    VEXUTIL_CPU_RELAX();
+  do {
+    // Gives way rather than pauses: the requester that holds the mutex may
+    // be waiting for this very core.
+    std::this_thread::yield();
     if (mutex.try_lock()) {
       return;
     }
-    if ((spins & 15U) == 0 && ActionContainerEvent::Clock::now() >= spinEnd) {
-      break;
-    }
-  }
+  } while (ActionContainerEvent::Clock::now() < spinEnd);
   mutex.lock();
 }
 
@@ -50,14 +55,15 @@ void lockAfterShortSpin(boost::mutex& mutex) {
 const std::string& ActionContainerEvent::typeName() noexcept { return kActionContainerEventTypeName; }
 
 ActionContainerEvent::ActionContainerEvent(const boost::function0<void>& actionToRun)
-    : BaseEvent(std::vector<std::string>{kActionContainerEventTypeName, BaseEvent::typeName()}),
-      action(actionToRun),
-      syncData(new SyncData) {}
+    : BaseEvent(kActionContainerEventTypeList), action(actionToRun), syncData(boost::make_shared<SyncData>()) {}
+
+ActionContainerEvent::ActionContainerEvent(boost::function0<void>&& actionToRun)
+    : BaseEvent(kActionContainerEventTypeList),
+      action(std::move(actionToRun)),
+      syncData(boost::make_shared<SyncData>()) {}
 
 ActionContainerEvent::ActionContainerEvent(const ActionContainerEvent& other)
-    : BaseEvent(std::vector<std::string>{kActionContainerEventTypeName, BaseEvent::typeName()}),
-      action(other.action),
-      syncData(other.syncData) {}
+    : BaseEvent(kActionContainerEventTypeList), action(other.action), syncData(other.syncData) {}
 
 ActionContainerEvent::~ActionContainerEvent() {
   syncData.reset();
@@ -84,7 +90,8 @@ void ActionContainerEvent::markDone() const {
   sync.cond.notify_all();
 }
 
-bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline) const {
+bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline,
+                                    Clock::duration lookFirst) const {
   if (!lock.owns_lock() || lock.mutex() != &syncData->mutex) {
     // A finished event needs no wait whatever the lock; otherwise waiting
     // without holding the mutex is the caller's programming error. `done` is
@@ -101,6 +108,22 @@ bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock
   }
   if (syncData->done) {
     return true;
+  }
+  if (lookFirst > Clock::duration::zero()) {
+    // Most actions take a few microseconds. A timed sleep costs more than
+    // that here: arming and cancelling its timer, and the wake-up. So first
+    // give way a few times with the mutex released and look again; on a
+    // machine where requester and dispatcher share a core, each yield hands
+    // the core to the dispatcher. `done` is still only read under the mutex.
+    const Clock::time_point lookEnd = (std::min)(deadline, Clock::now() + lookFirst);
+    do {
+      lock.unlock();
+      std::this_thread::yield();
+      lock.lock();
+      if (syncData->done) {
+        return true;
+      }
+    } while (Clock::now() < lookEnd);
   }
   // The wait goes straight to the condition with the requester's own mutex.
   // boost's wait_until parks the waiter on the condition's internal mutex

@@ -44,6 +44,8 @@ class ActionContainerEvent : public BaseEvent {
 
   // Copies `action` (which may be empty) and creates a new SyncData.
   explicit ActionContainerEvent(const boost::function0<void>& action);
+  // Takes `action` over (it is left empty) and creates a new SyncData.
+  explicit ActionContainerEvent(boost::function0<void>&& action);
   // Copies the action and shares the SyncData.
   ActionContainerEvent(const ActionContainerEvent& other);
   ActionContainerEvent& operator=(const ActionContainerEvent&) = delete;
@@ -59,11 +61,14 @@ class ActionContainerEvent : public BaseEvent {
   // for the mutex for a few microseconds before it sleeps on it.
   void markDone() const;
 
-  // True at once when done. Otherwise one timed wait on the condition until
-  // `deadline` (no loop), then the flag. `lock` must hold getMutex(); a lock
-  // that does not own its mutex throws boost::lock_error. The wait is not a
+  // True at once when done. Otherwise, for up to `lookFirst` (never past
+  // `deadline`), yields with the mutex released and looks again; then one
+  // timed wait on the condition until `deadline` (no loop), then the flag.
+  // `lock` must hold getMutex(), and holds it again on return; a lock that
+  // does not own its mutex throws boost::lock_error. The wait is not a
   // boost::thread interruption point.
-  bool waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline) const;
+  bool waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline,
+                Clock::duration lookFirst = Clock::duration::zero()) const;
 
   // The SyncData mutex, for the requester's lock.
   boost::mutex& getMutex() const;

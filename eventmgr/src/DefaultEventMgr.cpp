@@ -1,11 +1,14 @@
 #include "DefaultEventMgr.h"
 
 #include <algorithm>
+#include <chrono>
 #include <sstream>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <boost/bind/bind.hpp>
+#include <boost/make_shared.hpp>
 
 #include "ActionContainerEvent.h"
 #include "Corvane/System/IUserException.h"
@@ -14,13 +17,6 @@
 #include "Instance.h"
 #include "libhx.h"
 #include "vexutil/eventmgr/NotifyDeadlockException.h"
-
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define VEXUTIL_CPU_RELAX() _mm_pause()
-#else
-#define VEXUTIL_CPU_RELAX() ((void)0)
-#endif
 
 namespace vexutil {
 namespace eventmgr {
@@ -39,10 +35,17 @@ using Clock = boost::chrono::steady_clock;
 constexpr auto kIdleSpin = boost::chrono::microseconds(50);
 
 // The longest idle wait; a stop whose notification was missed is seen then.
-constexpr auto kIdleWait = boost::chrono::seconds(1);
+constexpr auto kIdleWait = std::chrono::seconds(1);
+
+// How many subscribers ahead a delivery asks for the next proxy's memory.
+constexpr std::size_t kPrefetchAhead = 16;
 
 // One poll of a waiting requester.
 constexpr auto kPollInterval = boost::chrono::milliseconds(1);
+
+// How long the first poll of a request looks for its completion before it
+// sleeps; as long as the dispatcher's idle spin, which serves it meanwhile.
+constexpr Clock::duration kFirstPollLook = kIdleSpin;
 
 std::string composeFailureReport(const BaseEvent& event, long position, const ClientProxy& client,
                                  const Corvane::System::IUserException* userException) {
@@ -57,6 +60,15 @@ std::string composeFailureReport(const BaseEvent& event, long position, const Cl
   }
   return report.str();
 }
+
+// The action of a synchronous publish. Small enough for boost::function to
+// keep in place, where a bound member function with the event is not and
+// would cost an allocation per request.
+struct DeliverEvent {
+  DefaultEventMgr* manager;
+  DefaultEventMgr::EventPtr event;
+  void operator()() const { manager->deliver(event); }
+};
 
 }  // namespace
 
@@ -75,8 +87,10 @@ bool DefaultEventMgr::MailerOrder::operator()(const boost::shared_ptr<ProxyMaile
 }
 
 DefaultEventMgr::DefaultEventMgr() : dispatcher_(new EventDispatcher) {
-  const ClientPtr dispatcherAdapter(new ClientAdapter<EventDispatcher, ActionContainerEvent>(
-      dispatcher_.get(), &EventDispatcher::onActionEvent));
+  // Typed on BaseEvent: the handler tests the dynamic class itself, since a
+  // host event may carry the name "ActionContainerEvent" too.
+  const ClientPtr dispatcherAdapter(
+      new ClientAdapter<EventDispatcher, BaseEvent>(dispatcher_.get(), &EventDispatcher::onActionEvent));
   addSubscription(ActionContainerEvent::typeName(), dispatcherAdapter);
   dispatcher_->start(this);
 }
@@ -87,7 +101,7 @@ DefaultEventMgr::~DefaultEventMgr() {
     boost::mutex::scoped_lock instanceLock(detail::instanceMutex());
     detail::switchInstanceToDummy();
     {
-      boost::mutex::scoped_lock queueLock(queueMutex_);
+      const std::lock_guard<std::mutex> queueLock(queueMutex_);
       pending.swap(queue_);
       queuedCount_.store(0, std::memory_order_relaxed);
     }
@@ -133,36 +147,39 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
   }
   ensureDispatcherRunning();
   printPendingReport();
-  const EventPtr copy(event.clone());
+  std::unique_ptr<BaseEvent> copy(event.clone());
   if (!copy) {
     return;  // A clone() that yields nothing has nothing to publish.
   }
   if (!synchronous) {
-    enqueue(copy, true);
+    enqueue(QueuedEvent{std::move(copy), EventPtr()}, true);
     return;
   }
-  runSynchronously(boost::bind(&DefaultEventMgr::deliver, this, copy), true, std::move(self));
+  runSynchronously(DeliverEvent{this, EventPtr(copy.release())}, true, std::move(self));
 }
 
 void DefaultEventMgr::publish(const BaseEvent& event) { publish(event, true); }
 
-void DefaultEventMgr::enqueue(const EventPtr& event, bool atBack) {
+void DefaultEventMgr::enqueue(QueuedEvent event, bool atBack) {
   {
-    boost::mutex::scoped_lock lock(queueMutex_);
+    const std::lock_guard<std::mutex> lock(queueMutex_);
     if (atBack) {
-      queue_.push_back(event);
+      queue_.push_back(std::move(event));
     } else {
-      queue_.push_front(event);
+      queue_.push_front(std::move(event));
     }
     queuedCount_.store(queue_.size(), std::memory_order_release);
   }
+  // With nobody waiting, notify_all() of a std::condition_variable only reads
+  // the condition's waiter count; boost's also locks and unlocks a mutex of
+  // its own, on every event.
   queueCondition_.notify_all();
 }
 
 void DefaultEventMgr::wakeDispatcher() {
   // Passing through the queue mutex orders the stop request before the
   // dispatcher's next look at the queue, so the wake-up cannot be missed.
-  { boost::mutex::scoped_lock lock(queueMutex_); }
+  { const std::lock_guard<std::mutex> lock(queueMutex_); }
   queueCondition_.notify_all();
 }
 
@@ -173,7 +190,7 @@ unsigned int DefaultEventMgr::getSubscriptionCount() const {
 }
 
 unsigned int DefaultEventMgr::getPendingEventCount() const {
-  boost::mutex::scoped_lock lock(queueMutex_);
+  const std::lock_guard<std::mutex> lock(queueMutex_);
   return static_cast<unsigned int>(queue_.size());
 }
 
@@ -214,8 +231,22 @@ void DefaultEventMgr::subscribe(const TypeList& eventTypes, const ClientPtr& cli
   if (isDispatcherThread()) {
     throw NotifyDeadlockException();
   }
+  // Each name waits for the dispatcher, and the manager may be destroyed
+  // while one waits: every name takes a share of the manager through the
+  // weak reference (handed to the request, which lets it go once queued) and
+  // the loop ends when there is none any more, never touching `this` again.
+  const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
   for (const std::string& eventType : eventTypes) {
-    subscribe(eventType, client);
+    boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
+    if (!manager) {
+      return;  // Shut down: the remaining names are not subscribed.
+    }
+    if (!client || eventType.empty()) {
+      continue;
+    }
+    DefaultEventMgr* const target = manager.get();
+    target->runSynchronously(boost::bind(&DefaultEventMgr::addSubscription, target, eventType, client), true,
+                             std::move(manager));
   }
 }
 
@@ -228,10 +259,17 @@ void DefaultEventMgr::subscribe(const TypeList& delayedInputTypes, const TypeLis
     return;
   }
   // Built (and, for a duplicate, destroyed) outside mailerMutex_: both wait
-  // for the dispatcher thread.
+  // for the dispatcher thread, and the manager may be destroyed meanwhile.
+  // The mailer is then dropped (it withdraws from the no-op manager) and
+  // `this` is not touched again.
+  const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
   const boost::shared_ptr<ProxyMailer> mailer(new ProxyMailer(delayedInputTypes, triggerInputTypes, client));
-  boost::mutex::scoped_lock lock(mailerMutex_);
-  mailers_.insert(mailer);
+  const boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
+  if (!manager) {
+    return;
+  }
+  boost::mutex::scoped_lock lock(manager->mailerMutex_);
+  manager->mailers_.insert(mailer);
 }
 
 void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr& client) {
@@ -246,8 +284,26 @@ void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr&
 }
 
 void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& client) {
+  if (isDispatcherThread()) {
+    for (const std::string& eventType : eventTypes) {
+      unSubscribe(eventType, client);  // At once; nothing waits.
+    }
+    return;
+  }
+  // As the list subscribe: a share of the manager per name, none after a
+  // shutdown.
+  const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
   for (const std::string& eventType : eventTypes) {
-    unSubscribe(eventType, client);
+    boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
+    if (!manager) {
+      return;
+    }
+    if (!client || eventType.empty()) {
+      continue;
+    }
+    DefaultEventMgr* const target = manager.get();
+    target->runSynchronously(boost::bind(&DefaultEventMgr::removeSubscription, target, eventType, client), false,
+                             std::move(manager));
   }
 }
 
@@ -256,13 +312,22 @@ void DefaultEventMgr::unSubscribe(const TypeList& delayedInputTypes, const TypeL
   if (!client) {
     return;
   }
-  // The key is a full mailer: it subscribes now and withdraws when released.
-  const ProxyMailer key(delayedInputTypes, triggerInputTypes, client);
+  const std::set<std::string> delayed(delayedInputTypes.begin(), delayedInputTypes.end());
+  const std::set<std::string> trigger(triggerInputTypes.begin(), triggerInputTypes.end());
+  // Matching a mailer here, rather than building a subscribed mailer as the
+  // search key, keeps events that arrive meanwhile from reaching the client
+  // twice. The request still waits for the dispatcher (the erased mailers
+  // withdraw their subscriptions), so it is refused there as subscribe is.
+  if (isDispatcherThread() && !(delayed.empty() && trigger.empty())) {
+    throw NotifyDeadlockException();
+  }
   std::vector<boost::shared_ptr<ProxyMailer>> erased;
   {
     boost::mutex::scoped_lock lock(mailerMutex_);
     for (auto it = mailers_.begin(); it != mailers_.end();) {
-      if (!(**it < key) && !(key < **it)) {
+      const ProxyMailer& mailer = **it;
+      const bool sameClient = !clientLess(*mailer.getClient(), *client) && !clientLess(*client, *mailer.getClient());
+      if (sameClient && mailer.getDelayedInputTypes() == delayed && mailer.getTriggerInputTypes() == trigger) {
         erased.push_back(*it);
         it = mailers_.erase(it);
       } else {
@@ -270,8 +335,8 @@ void DefaultEventMgr::unSubscribe(const TypeList& delayedInputTypes, const TypeL
       }
     }
   }
-  // `erased` goes before `key`: the erased mailers withdraw their
-  // subscriptions first, outside mailerMutex_.
+  // The erased mailers withdraw their subscriptions as `erased` goes, outside
+  // mailerMutex_.
 }
 
 void DefaultEventMgr::countSubscriptions(const std::string& eventType, long delta) {
@@ -280,20 +345,30 @@ void DefaultEventMgr::countSubscriptions(const std::string& eventType, long delt
   }
 }
 
+void DefaultEventMgr::Subscribers::buildDeliveryOrder() {
+  deliveryOrder.clear();
+  deliveryOrder.reserve(clients.size());
+  for (const ClientPtr& client : clients) {
+    deliveryOrder.push_back(client.get());
+  }
+  deliveryOrderCurrent = true;
+}
+
 void DefaultEventMgr::addSubscription(const std::string& eventType, const ClientPtr& client) {
   if (!client) {
     return;
   }
-  std::shared_ptr<ClientSet>& clients = table_[eventType];
-  if (!clients) {
-    clients = std::make_shared<ClientSet>();
-  } else if (clients.use_count() > 1 && clients->find(client) == clients->end()) {
-    // A delivery holds this set: change a copy and leave its snapshot alone.
-    clients = std::make_shared<ClientSet>(*clients);
+  std::shared_ptr<Subscribers>& subscribers = table_[eventType];
+  if (!subscribers) {
+    subscribers = std::make_shared<Subscribers>();
+  } else if (subscribers.use_count() > 1 && subscribers->clients.find(client) == subscribers->clients.end()) {
+    // A delivery holds this entry: change a copy and leave its snapshot alone.
+    subscribers = std::make_shared<Subscribers>(subscribers->clients);
   }
   // A subscriber that is already in the set keeps its entry; the new proxy is
   // dropped without a report.
-  if (clients->insert(client).second) {
+  if (subscribers->clients.insert(client).second) {
+    subscribers->deliveryOrderCurrent = false;
     countSubscriptions(eventType, 1);
   }
 }
@@ -306,18 +381,19 @@ void DefaultEventMgr::removeSubscription(const std::string& eventType, const Cli
   if (found == table_.end()) {
     return;
   }
-  std::shared_ptr<ClientSet>& clients = found->second;
-  auto member = clients->find(client);
-  if (member == clients->end()) {
+  std::shared_ptr<Subscribers>& subscribers = found->second;
+  auto member = subscribers->clients.find(client);
+  if (member == subscribers->clients.end()) {
     return;
   }
-  if (clients.use_count() > 1) {
-    clients = std::make_shared<ClientSet>(*clients);
-    member = clients->find(client);
+  if (subscribers.use_count() > 1) {
+    subscribers = std::make_shared<Subscribers>(subscribers->clients);
+    member = subscribers->clients.find(client);
   }
-  clients->erase(member);
+  subscribers->clients.erase(member);
+  subscribers->deliveryOrderCurrent = false;
   countSubscriptions(eventType, -1);
-  if (clients->empty()) {
+  if (subscribers->clients.empty()) {
     table_.erase(found);
   }
 }
@@ -325,55 +401,74 @@ void DefaultEventMgr::removeSubscription(const std::string& eventType, const Cli
 // --- Delivery --------------------------------------------------------------------
 
 void DefaultEventMgr::deliver(const EventPtr& event) {
-  for (const std::string& eventType : event->getTypes()) {
+  if (event) {
+    deliver(*event);
+  }
+}
+
+void DefaultEventMgr::deliver(const BaseEvent& event) {
+  for (const std::string& eventType : event.getTypes()) {
     const auto found = table_.find(eventType);
     if (found == table_.end()) {
       continue;
     }
     // The snapshot: subscribers may change the table from inside notify().
-    const std::shared_ptr<const ClientSet> clients = found->second;
-    long position = 0;
-    for (const ClientPtr& client : *clients) {
-      try {
-        client->notify(*event);
-      } catch (const Corvane::System::IUserException& failure) {
-        storePendingReport(composeFailureReport(*event, position, *client, &failure));
-      } catch (...) {
-        storePendingReport(composeFailureReport(*event, position, *client, nullptr));
+    // Such a change goes to a copy of the entry while this one is held, so
+    // the array walked here stays as it is and its clients stay alive.
+    const std::shared_ptr<Subscribers> subscribers = found->second;
+    if (!subscribers->deliveryOrderCurrent) {
+      subscribers->buildDeliveryOrder();
+    }
+    ClientProxy* const* const clients = subscribers->deliveryOrder.data();
+    const std::size_t count = subscribers->deliveryOrder.size();
+    for (std::size_t position = 0; position < count; ++position) {
+      // The proxies lie wherever they were allocated; asking for one a few
+      // places ahead keeps a long walk from waiting on memory at every step.
+      if (position + kPrefetchAhead < count) {
+        __builtin_prefetch(clients[position + kPrefetchAhead]);
       }
-      ++position;
+      const ClientProxy& client = *clients[position];
+      try {
+        client.notify(event);
+      } catch (const Corvane::System::IUserException& failure) {
+        storePendingReport(composeFailureReport(event, static_cast<long>(position), client, &failure));
+      } catch (...) {
+        storePendingReport(composeFailureReport(event, static_cast<long>(position), client, nullptr));
+      }
     }
   }
 }
 
 void DefaultEventMgr::dispatchNext() {
-  EventPtr event;
-  {
-    boost::mutex::scoped_lock lock(queueMutex_);
-    if (queue_.empty()) {
-      lock.unlock();
-      const Clock::time_point spinEnd = Clock::now() + kIdleSpin;
-      unsigned spins = 0;
-      while (queuedCount_.load(std::memory_order_acquire) == 0 && !isStopping()) {
-        VEXUTIL_CPU_RELAX();
-        if ((++spins & 63U) == 0 && Clock::now() >= spinEnd) {
-          break;
-        }
-      }
-      lock.lock();
-      if (queue_.empty()) {
-        if (!isStopping()) {
-          queueCondition_.wait_until(lock, Clock::now() + kIdleWait);
-        }
-        return;  // An event that arrived meanwhile is taken by the next cycle.
-      }
+  // The counter is read before the mutex is taken: a dispatcher that is
+  // ahead of its publishers then does not take the mutex just to find the
+  // queue empty, and publishers meet it on the mutex half as often.
+  if (queuedCount_.load(std::memory_order_acquire) == 0) {
+    // The spin gives way at every turn instead of pausing: the thread that
+    // the last delivery woke (a synchronous requester, a publisher) is often
+    // queued on this very core, and a spin that kept the core would make it
+    // wait for the spin to end. With nothing else to run, a yield returns at
+    // once and the spin goes on.
+    const Clock::time_point spinEnd = Clock::now() + kIdleSpin;
+    while (queuedCount_.load(std::memory_order_acquire) == 0 && !isStopping() && Clock::now() < spinEnd) {
+      std::this_thread::yield();
     }
-    event.swap(queue_.front());
+  }
+  QueuedEvent event;
+  {
+    std::unique_lock<std::mutex> lock(queueMutex_);
+    if (queue_.empty()) {
+      if (!isStopping()) {
+        queueCondition_.wait_for(lock, kIdleWait);
+      }
+      return;  // An event that arrived meanwhile is taken by the next cycle.
+    }
+    event = std::move(queue_.front());
     queue_.pop_front();
     queuedCount_.store(queue_.size(), std::memory_order_release);
   }
-  if (event) {
-    deliver(event);
+  if (const BaseEvent* const delivered = event.get()) {
+    deliver(*delivered);
   }
 }
 
@@ -384,7 +479,7 @@ void DefaultEventMgr::ensureDispatcherRunning() {
 }
 
 void DefaultEventMgr::releasePendingActions(EventQueue& events) {
-  for (const EventPtr& event : events) {
+  for (const QueuedEvent& event : events) {
     // The type test alone would trust a foreign event that claims the name.
     const auto* action = dynamic_cast<const ActionContainerEvent*>(event.get());
     if (action != nullptr) {
@@ -419,9 +514,10 @@ void DefaultEventMgr::printPendingReport() {
 
 // --- Synchronous requests ----------------------------------------------------------
 
-void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, bool atBack,
+void DefaultEventMgr::runSynchronously(boost::function0<void> function, bool atBack,
                                        boost::shared_ptr<DefaultEventMgr> holder) {
-  const boost::shared_ptr<ActionContainerEvent> action(new ActionContainerEvent(function));
+  // One allocation for the event and its count; the function moves in.
+  const boost::shared_ptr<ActionContainerEvent> action = boost::make_shared<ActionContainerEvent>(std::move(function));
   if (isDispatcherThread()) {
     throw NotifyDeadlockException();
   }
@@ -434,7 +530,7 @@ void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, b
     }
   }
   boost::mutex::scoped_lock lock(action->getMutex());
-  enqueue(action, atBack);
+  enqueue(QueuedEvent{nullptr, action}, atBack);
   const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
   // If this thread ends up letting the manager go, its destructor marks the
   // queued actions done, this one included: it must not find the action's
@@ -466,7 +562,10 @@ void DefaultEventMgr::runSynchronously(const boost::function0<void>& function, b
       }
       dropUnlocked(manager);
     }
-    if (action->waitDone(lock, Clock::now() + kPollInterval)) {
+    // Only the first poll looks before it sleeps: a request that is not done
+    // by then waits for a slow subscriber, and looking again would only burn
+    // the core.
+    if (action->waitDone(lock, Clock::now() + kPollInterval, polls == 1 ? kFirstPollLook : Clock::duration::zero())) {
       return;
     }
   }

@@ -2,12 +2,13 @@
 //
 // Data
 //   * the subscription table: per event type name, the set of subscribed
-//     clients, ordered by class id, then instance id. Written and read only on
-//     the dispatcher thread (and by the constructor and destructor while no
-//     dispatcher runs). Each client set is shared with the deliveries that use
-//     it and copied only when it changes while a delivery holds it, so a
-//     delivery never copies n clients and a subscriber may change the
-//     subscriptions from inside notify() without disturbing it.
+//     clients, ordered by class id, then instance id, and the same clients as
+//     a flat array for delivery. Written and read only on the dispatcher
+//     thread (and by the constructor and destructor while no dispatcher
+//     runs). Each entry is shared with the deliveries that use it and copied
+//     only when it changes while a delivery holds it, so a delivery never
+//     copies n clients and a subscriber may change the subscriptions from
+//     inside notify() without disturbing it.
 //   * the event queue: events waiting for the dispatcher thread.
 //   * the mailer set of combined subscriptions.
 //   * the pending report: the latest unprinted subscriber-failure report.
@@ -27,12 +28,15 @@
 #define VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
@@ -58,7 +62,17 @@ constexpr unsigned long kDeadlockReportPoll = 60001;
 class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
  public:
   using EventPtr = boost::shared_ptr<BaseEvent>;
-  using EventQueue = std::deque<EventPtr>;
+
+  // A queued event. The copy made by an asynchronous publish belongs to the
+  // queue alone and is held without a shared count, which would cost an
+  // allocation and two atomic operations per event; an action is shared with
+  // its waiting requester.
+  struct QueuedEvent {
+    std::unique_ptr<BaseEvent> owned;
+    EventPtr shared;
+    const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
+  };
+  using EventQueue = std::deque<QueuedEvent>;
 
   // Orders subscribers by class id, then instance id: the client ordering of
   // clientLess for clients of one class, made a strict weak order for clients
@@ -74,6 +88,20 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
     }
   };
   using ClientSet = std::set<ClientPtr, ClientOrder>;
+
+  // The subscribers of one type name: the ordered set, and the same proxies
+  // in the same order as a flat array, which is what deliveries walk. The
+  // array is rebuilt by the first delivery after a change; an entry is only
+  // changed in place while no delivery holds it (see the overview).
+  struct Subscribers {
+    Subscribers() = default;
+    explicit Subscribers(const ClientSet& set) : clients(set) {}
+    void buildDeliveryOrder();
+
+    ClientSet clients;
+    std::vector<ClientProxy*> deliveryOrder;  // Owned by `clients`.
+    bool deliveryOrderCurrent = false;
+  };
 
   // Orders mailers as ProxyMailer::operator< does for clients of one class;
   // clients of different classes are ordered by class id instead of each
@@ -116,6 +144,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // Calls every subscriber of every type name of the event; failures become
   // the pending report.
   void deliver(const EventPtr& event);
+  void deliver(const BaseEvent& event);
   // One cycle of the dispatcher loop: delivers at most one queued event, or
   // waits up to one second for one.
   void dispatchNext();
@@ -145,12 +174,12 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
  private:
   // Queues `event` at the back (true) or the front (false) and wakes the
   // dispatcher.
-  void enqueue(const EventPtr& event, bool atBack);
+  void enqueue(QueuedEvent event, bool atBack);
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
   // `holder`, if given, is the caller's share of the manager; it is let go
   // once the request is queued.
-  void runSynchronously(const boost::function0<void>& function, bool atBack,
+  void runSynchronously(boost::function0<void> function, bool atBack,
                         boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
   // Stores a subscriber-failure report, replacing an unprinted one.
   void storePendingReport(std::string report);
@@ -161,8 +190,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   boost::weak_ptr<DefaultEventMgr> weakSelf_;
 
   EventQueue queue_;                        // Guarded by queueMutex_.
-  boost::condition_variable queueCondition_;  // Notified after every enqueue.
-  mutable boost::mutex queueMutex_;
+  std::condition_variable queueCondition_;  // Notified after every enqueue.
+  mutable std::mutex queueMutex_;
   // Mirrors queue_.size() so that the dispatcher can spin on it before it
   // blocks; written under queueMutex_.
   std::atomic<std::size_t> queuedCount_{0};
@@ -171,7 +200,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   mutable boost::mutex mailerMutex_;
 
   // Dispatcher thread only (see the overview).
-  std::unordered_map<std::string, std::shared_ptr<ClientSet>> table_;
+  std::unordered_map<std::string, std::shared_ptr<Subscribers>> table_;
   // Client subscriptions, without the dispatcher's own; read by any thread.
   std::atomic<unsigned int> subscriptionCount_{0};
 

@@ -1,16 +1,20 @@
 // DummyEventMgr: the no-op manager that EventMgr::instance() returns after
 // the default manager has been shut down. Every operation does nothing; the
 // counts are 0 and isDispatchOrMainThread() is false. Stateless, so it may be
-// used from any thread at any time.
+// used from any thread at any time. It is a ToDoAdapter like the default
+// manager, so that a host main loop that pumps hand-offs through
+// dynamic_cast<ToDoAdapter&>(*EventMgr::instance()) keeps working (pumping
+// the process-wide slot, which is empty or holds a withdrawn hand-off).
 #ifndef VEXUTIL_EVENTMGR_SRC_DUMMYEVENTMGR_H
 #define VEXUTIL_EVENTMGR_SRC_DUMMYEVENTMGR_H
 
 #include "vexutil/eventmgr/EventMgr.h"
+#include "vexutil/eventmgr/ToDoAdapter.h"
 
 namespace vexutil {
 namespace eventmgr {
 
-class DummyEventMgr final : public EventMgr {
+class DummyEventMgr final : public EventMgr, public ToDoAdapter {
  public:
   DummyEventMgr();
   ~DummyEventMgr() override;

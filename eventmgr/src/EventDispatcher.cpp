@@ -95,7 +95,12 @@ void EventDispatcher::run(const boost::shared_ptr<boost::barrier>& startBarrier,
   }
 }
 
-void EventDispatcher::onActionEvent(const ActionContainerEvent& event) { event.execute(); }
+void EventDispatcher::onActionEvent(const BaseEvent& event) {
+  const auto* const action = dynamic_cast<const ActionContainerEvent*>(&event);
+  if (action != nullptr) {
+    action->execute();
+  }
+}
 
 }  // namespace eventmgr
 }  // namespace vexutil

@@ -54,7 +54,9 @@ class EventDispatcher {
   void run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager);
 
   // The dispatcher's subscription to "ActionContainerEvent": runs the action.
-  void onActionEvent(const ActionContainerEvent& event);
+  // An event of another class that merely carries the name (a host event
+  // may) is ignored: only the manager's own requests are run.
+  void onActionEvent(const BaseEvent& event);
 
   bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
   bool isStopRequested() const noexcept { return stopRequested_.load(std::memory_order_acquire); }

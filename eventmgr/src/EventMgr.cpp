@@ -122,6 +122,13 @@ void releaseOwner() {
   {
     boost::mutex::scoped_lock lock(instanceMutexStorage.get());
     released.swap(owner.manager);
+    // instance() stops handing the manager out before its last reference can
+    // go: a requester that a shutdown releases (it sees the manager expire)
+    // and that calls instance() again must get the no-op manager, never the
+    // one being destroyed.
+    if (released) {
+      detail::switchInstanceToDummy();
+    }
   }
   // The destructor takes the instance mutex itself.
   released.reset();

@@ -43,9 +43,10 @@ void ensureDefaultManagerCreated();
 // True while the default manager exists (created and not yet shut down).
 bool isDefaultManagerCreated();
 
-// Lets the owner go, as unloading the library does. The manager is destroyed
-// now unless another thread holds it for the moment (inside a publish or a
-// poll), in which case that thread destroys it when it lets go.
+// Lets the owner go, as unloading the library does. instance() returns the
+// no-op manager from then on. The manager is destroyed now unless another
+// thread holds it for the moment (inside a publish or a poll), in which case
+// that thread destroys it when it lets go.
 void releaseOwner();
 
 // Tests only: after releaseOwner() has destroyed the manager, makes the next

@@ -63,17 +63,19 @@ void forEachSubscription(const ProxyMailer& mailer, Visit visit) {
 
 }  // namespace
 
+// Each name waits for the dispatcher, and the manager may shut down while one
+// waits: instance() is asked again for every name, so that the names after
+// it go to the no-op manager instead of the destroyed one.
 void ProxyMailer::createSubscriptions() {
-  EventMgr* const manager = EventMgr::instance();
-  forEachSubscription(*this, [this, manager](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
-    manager->subscribe(name, this, handler);
+  forEachSubscription(*this, [this](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
+    EventMgr::instance()->subscribe(name, this, handler);
   });
 }
 
+// As createSubscriptions(): instance() again for every name.
 void ProxyMailer::deleteSubscriptions() {
-  EventMgr* const manager = EventMgr::instance();
-  forEachSubscription(*this, [this, manager](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
-    manager->unSubscribe(name, this, handler);
+  forEachSubscription(*this, [this](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
+    EventMgr::instance()->unSubscribe(name, this, handler);
   });
 }
 

@@ -10,14 +10,18 @@
 
 #include "EventDispatcher.h"
 #include "Instance.h"
+#include "TypeNames.h"
 
 namespace vexutil {
 namespace eventmgr {
 
 // Declared in this order so that, at unload, the mutex is destroyed first and
-// a function still pending is then destroyed without being run.
-boost::function0<void> ToDoAdapter::toDoFunc_;
-boost::recursive_mutex ToDoAdapter::toDoMutex_;
+// a function still pending is then destroyed without being run. Both are
+// early statics: built before and destroyed after the manager's owner, whose
+// destruction at unload or exit stops a dispatcher that may be handing off
+// and releases requesters that pump the slot until then.
+boost::function0<void> ToDoAdapter::toDoFunc_ VEXUTIL_EARLY_STATIC;
+boost::recursive_mutex ToDoAdapter::toDoMutex_ VEXUTIL_EARLY_STATIC;
 
 namespace {
 

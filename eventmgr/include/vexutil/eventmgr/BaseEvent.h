@@ -114,6 +114,10 @@ class VEXUTIL_API BaseEvent {
   /// event's list ends with "BaseEvent" (an empty list becomes just that).
   /// \pre The names are the `typeName()` values of the classes, most derived
   ///      first; the manager and the adapters match them exactly.
+  /// \post The manager routes the event by every name, duplicates and empty
+  ///       names included. A host event that carries the name of the
+  ///       manager's internal requests ("ActionContainerEvent") reaches the
+  ///       subscribers of that name like any other and is otherwise ignored.
   /// \par Thread
   /// Any thread. Throws std::bad_alloc when memory runs out.
   explicit BaseEvent(std::vector<std::string> typeList);

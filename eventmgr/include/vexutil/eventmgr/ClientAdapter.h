@@ -14,6 +14,14 @@
 /// therefore the same subscriber even when they name different member
 /// functions: the manager keeps the first and drops the second.
 ///
+/// ### Modules that are unloaded
+/// The class id is the address of a static member of the template. GCC gives
+/// that member of an instantiation for a class with external linkage the
+/// binding STB_GNU_UNIQUE, and glibc never unloads a module whose unique
+/// symbols have been bound: a plug-in that subscribes through ClientAdapter
+/// and is meant to be unloaded (taking libvexutil with it) is built with
+/// `-fno-gnu-unique`, as libvexutil itself is.
+///
 /// ### Thread safety
 /// Immutable after construction. notify() runs on the dispatcher thread; the
 /// member function it calls must not assume any other thread. An exception

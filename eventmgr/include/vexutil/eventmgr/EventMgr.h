@@ -92,7 +92,9 @@ class VEXUTIL_API EventMgr {
   /// \post The pointer stays valid until the library is unloaded; the
   ///       default manager is destroyed then. Code that may run during
   ///       shutdown (static destructors, threads still running at exit) calls
-  ///       instance() again instead of using a pointer kept from earlier.
+  ///       instance() again instead of using a pointer kept from earlier:
+  ///       from the moment shutdown begins it returns the no-op manager, also
+  ///       to a requester that the shutdown has just released.
   /// \par Thread
   /// Any thread, the dispatcher thread included. Throws what creating the
   /// manager throws (std::bad_alloc, or boost::thread_resource_error when its
@@ -167,6 +169,9 @@ class VEXUTIL_API EventMgr {
   virtual void subscribe(const std::string& eventType, const ClientPtr& client) = 0;
 
   /// subscribe() for each name of `eventTypes`, in order.
+  /// \post If the manager shuts down while a name waits, the call returns
+  ///       at once: that name and the later ones are not subscribed, and the
+  ///       call touches the shut-down manager no more.
   /// \par Thread
   /// As subscribe(); on the dispatcher thread it throws before subscribing
   /// any name.
@@ -182,6 +187,8 @@ class VEXUTIL_API EventMgr {
   /// \post The subscription (a ProxyMailer owned by the manager) is in force
   ///       for every listed name when the call returns. The client receives
   ///       the mailer's copies of the held-back events, never trigger events.
+  ///       If the manager shuts down while a name waits, the call returns
+  ///       without a subscription.
   /// \par Thread
   /// Any thread but the dispatcher thread; it waits for the dispatcher once
   /// per listed name.
@@ -203,6 +210,8 @@ class VEXUTIL_API EventMgr {
   virtual void unSubscribe(const std::string& eventType, const ClientPtr& client) = 0;
 
   /// unSubscribe() for each name of `eventTypes`, in order.
+  /// \post If the manager shuts down while a name waits, the call returns
+  ///       at once (the shutdown has dropped every subscription anyway).
   /// \par Thread
   /// As unSubscribe().
   virtual void unSubscribe(const TypeList& eventTypes, const ClientPtr& client) = 0;

@@ -53,13 +53,18 @@ class VEXUTIL_API ProxyMailer {
   /// A list of event type names.
   using TypeList = std::vector<std::string>;
 
-  /// Builds the mailer and subscribes it. `client` must not be null: the
-  /// default manager never builds a mailer for a null client. Exceptions of
-  /// the manager's subscribe (NotifyDeadlockException on the dispatcher
-  /// thread) pass out; subscriptions already made then stay registered.
+  /// Builds the mailer and subscribes it. A null `client` gives a mailer
+  /// that stores events and drops them at each trigger without handing
+  /// anything over (the default manager never builds one: its two-list
+  /// subscribe ignores a null client). Exceptions of the manager's subscribe
+  /// (NotifyDeadlockException on the dispatcher thread) pass out;
+  /// subscriptions already made then stay registered.
   /// \post Every listed name is subscribed when the constructor returns; the
   ///       mailer must stay alive (at this address) until it is destroyed,
-  ///       since the subscriptions point at it.
+  ///       since the subscriptions point at it. Each name is subscribed
+  ///       through a fresh EventMgr::instance(): if the manager shuts down
+  ///       while one name waits, that name and the rest go to the no-op
+  ///       manager and are not subscribed.
   /// \par Thread
   /// Any thread but the dispatcher thread; it waits for the dispatcher once
   /// per distinct name.
@@ -67,6 +72,8 @@ class VEXUTIL_API ProxyMailer {
               boost::shared_ptr<ClientProxy> client);
 
   /// Withdraws the subscriptions and drops the stored events; never throws.
+  /// Like the constructor, it asks EventMgr::instance() afresh for every
+  /// name, so a shutdown while it waits is harmless.
   /// \post No handler of this mailer runs after the destructor returns.
   /// \par Thread
   /// Any thread but the dispatcher thread, as the overview says; it waits

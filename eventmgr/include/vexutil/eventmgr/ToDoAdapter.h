@@ -23,7 +23,11 @@
 ///   blocks until its hand-off has run.
 /// * Of several threads pumping at once, exactly one takes a pending function.
 /// * The function runs outside every lock of this class; it may itself hand
-///   off or pump.
+///   off or pump. It must not make a request that waits for the dispatcher
+///   (subscribe, unSubscribe, a synchronous publish): the dispatcher is
+///   blocked in the hand-off until the function returns, so the request
+///   never finishes (only the deadlock report after a minute tells of it).
+///   An asynchronous publish is fine.
 /// * If the function throws on the pumping thread, the exception propagates
 ///   out of invokeOnceOnMainThread() there, and the dispatcher thread stays
 ///   blocked until the manager shuts down: no hand-off is ever retried or
@@ -46,7 +50,9 @@ namespace eventmgr {
 /// The main-thread hand-off; see ToDoAdapter.h. The default event manager is
 /// a ToDoAdapter: a host pumps the hand-off with
 /// `dynamic_cast<ToDoAdapter*>(EventMgr::instance())->invokeOnceOnMainThread()`.
-/// Every instance works on the same process-wide slot.
+/// So is the no-op manager that instance() returns after shutdown, so the
+/// cast never yields null and the pump stays harmless then. Every instance
+/// works on the same process-wide slot.
 class VEXUTIL_API ToDoAdapter {
  public:
   /// Any thread.
