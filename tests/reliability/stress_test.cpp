@@ -4,9 +4,9 @@
 // synchronously, and have subscribers hand functions to the main thread,
 // which pumps them (or serves them while it waits in a synchronous publish).
 //
-// The run is seeded: VEXUTIL_STRESS_SEED=<n> repeats a run's choices (not its
-// interleaving), VEXUTIL_STRESS_SECONDS=<s> sets its length (default 3). The
-// seed is printed at the start and with every failure.
+// The run is randomised: VEXUTIL_STRESS_START=<n> repeats a run's choices (not its
+// interleaving), VEXUTIL_STRESS_SECONDS=<s> sets its length (default 3).
+// The random start is printed first and with every failure.
 //
 // The checks are exact. A process-wide counter ("ticks", one atomic
 // fetch_add each, so tick order follows happens-before) stamps the start and
@@ -371,8 +371,8 @@ class Producer {
 
 class Worker {
  public:
-  Worker(int id, std::uint64_t seed, Client* clients, MailClient* mail)
-      : producer_(id), random_(seed), clients_(clients), mail_(mail) {
+  Worker(int id, std::uint64_t randomStart, Client* clients, MailClient* mail)
+      : producer_(id), random_(randomStart), clients_(clients), mail_(mail) {
     const std::string suffix = std::to_string(id);
     delayedName_ = "PrivateDelayed" + suffix;
     triggerName_ = "PrivateTrigger" + suffix;
@@ -577,8 +577,8 @@ int classify(const std::vector<Interval>& intervals, std::uint64_t publishStart,
   return result;
 }
 
-std::uint64_t seedFromEnvironment() {
-  const char* text = std::getenv("VEXUTIL_STRESS_SEED");
+std::uint64_t randomStartFromEnvironment() {
+  const char* text = std::getenv("VEXUTIL_STRESS_START");
   if (text != nullptr && *text != '\0') {
     return std::strtoull(text, nullptr, 10);
   }
@@ -602,10 +602,10 @@ double secondsFromEnvironment() {
 // Eight workers and the main thread hammer one manager for a few seconds;
 // afterwards every delivery is accounted for exactly (see the file comment).
 TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
-  const std::uint64_t seed = seedFromEnvironment();
+  const std::uint64_t randomStart = randomStartFromEnvironment();
   const double seconds = secondsFromEnvironment();
-  std::cout << "[ seed     ] VEXUTIL_STRESS_SEED=" << seed << " VEXUTIL_STRESS_SECONDS=" << seconds << std::endl;
-  SCOPED_TRACE("rerun with VEXUTIL_STRESS_SEED=" + std::to_string(seed));
+  std::cout << "[ random   ] VEXUTIL_STRESS_START=" << randomStart << " VEXUTIL_STRESS_SECONDS=" << seconds << std::endl;
+  SCOPED_TRACE("rerun with VEXUTIL_STRESS_START=" + std::to_string(randomStart));
   mainThread = ThreadId::self();
 
   // Every subscriber outlives the manager: shut down before they go.
@@ -627,12 +627,12 @@ TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
   std::vector<Worker> workers;
   workers.reserve(kWorkers);
   for (int w = 0; w < kWorkers; ++w) {
-    workers.emplace_back(w, seed + 0x9E3779B97F4A7C15ULL * static_cast<std::uint64_t>(w + 1),
+    workers.emplace_back(w, randomStart + 0x9E3779B97F4A7C15ULL * static_cast<std::uint64_t>(w + 1),
                          &clients[static_cast<std::size_t>(w * kClientsPerWorker)],
                          &mailClients[static_cast<std::size_t>(w)]);
   }
   Producer mainProducer(kMainProducer);
-  std::mt19937_64 mainRandom(seed);
+  std::mt19937_64 mainRandom(randomStart);
 
   std::atomic<bool> stop{false};
   Gate start;
