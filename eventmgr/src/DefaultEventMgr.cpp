@@ -9,6 +9,7 @@
 
 #include <boost/bind/bind.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/smart_ptr/make_local_shared.hpp>
 
 #include "ActionContainerEvent.h"
 #include "Corvane/System/IUserException.h"
@@ -17,6 +18,13 @@
 #include "Instance.h"
 #include "libhx.h"
 #include "vexutil/eventmgr/NotifyDeadlockException.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define VEXUTIL_CPU_RELAX() _mm_pause()
+#else
+#define VEXUTIL_CPU_RELAX() ((void)0)
+#endif
 
 namespace vexutil {
 namespace eventmgr {
@@ -36,6 +44,10 @@ constexpr auto kIdleSpin = boost::chrono::microseconds(50);
 
 // The longest idle wait; a stop whose notification was missed is seen then.
 constexpr auto kIdleWait = std::chrono::seconds(1);
+
+// How often a contended queue mutex is tried, pausing in between, before the
+// caller sleeps on it.
+constexpr unsigned kQueueLockTries = 64;
 
 // How many subscribers ahead a delivery asks for the next proxy's memory.
 constexpr std::size_t kPrefetchAhead = 16;
@@ -160,9 +172,25 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
 
 void DefaultEventMgr::publish(const BaseEvent& event) { publish(event, true); }
 
+std::unique_lock<std::mutex> DefaultEventMgr::lockQueue() const {
+  // The queue mutex is held for a few dozen nanoseconds at a time. When a
+  // publisher and the dispatcher meet on it, sleeping would cost the one a
+  // futex wait and the other a futex wake, each far longer than the wait:
+  // on two cores that met on every other event.
+  std::unique_lock<std::mutex> lock(queueMutex_, std::try_to_lock);
+  for (unsigned tries = 0; !lock.owns_lock() && tries < kQueueLockTries; ++tries) {
+    VEXUTIL_CPU_RELAX();
+    lock.try_lock();
+  }
+  if (!lock.owns_lock()) {
+    lock.lock();
+  }
+  return lock;
+}
+
 void DefaultEventMgr::enqueue(QueuedEvent event, bool atBack) {
   {
-    const std::lock_guard<std::mutex> lock(queueMutex_);
+    const std::unique_lock<std::mutex> lock = lockQueue();
     if (atBack) {
       queue_.push_back(std::move(event));
     } else {
@@ -358,12 +386,12 @@ void DefaultEventMgr::addSubscription(const std::string& eventType, const Client
   if (!client) {
     return;
   }
-  std::shared_ptr<Subscribers>& subscribers = table_[eventType];
+  boost::local_shared_ptr<Subscribers>& subscribers = table_[eventType];
   if (!subscribers) {
-    subscribers = std::make_shared<Subscribers>();
-  } else if (subscribers.use_count() > 1 && subscribers->clients.find(client) == subscribers->clients.end()) {
+    subscribers = boost::make_local_shared<Subscribers>();
+  } else if (subscribers.local_use_count() > 1 && subscribers->clients.find(client) == subscribers->clients.end()) {
     // A delivery holds this entry: change a copy and leave its snapshot alone.
-    subscribers = std::make_shared<Subscribers>(subscribers->clients);
+    subscribers = boost::make_local_shared<Subscribers>(subscribers->clients);
   }
   // A subscriber that is already in the set keeps its entry; the new proxy is
   // dropped without a report.
@@ -381,13 +409,13 @@ void DefaultEventMgr::removeSubscription(const std::string& eventType, const Cli
   if (found == table_.end()) {
     return;
   }
-  std::shared_ptr<Subscribers>& subscribers = found->second;
+  boost::local_shared_ptr<Subscribers>& subscribers = found->second;
   auto member = subscribers->clients.find(client);
   if (member == subscribers->clients.end()) {
     return;
   }
-  if (subscribers.use_count() > 1) {
-    subscribers = std::make_shared<Subscribers>(subscribers->clients);
+  if (subscribers.local_use_count() > 1) {
+    subscribers = boost::make_local_shared<Subscribers>(subscribers->clients);
     member = subscribers->clients.find(client);
   }
   subscribers->clients.erase(member);
@@ -415,7 +443,7 @@ void DefaultEventMgr::deliver(const BaseEvent& event) {
     // The snapshot: subscribers may change the table from inside notify().
     // Such a change goes to a copy of the entry while this one is held, so
     // the array walked here stays as it is and its clients stay alive.
-    const std::shared_ptr<Subscribers> subscribers = found->second;
+    const boost::local_shared_ptr<Subscribers> subscribers = found->second;
     if (!subscribers->deliveryOrderCurrent) {
       subscribers->buildDeliveryOrder();
     }
@@ -456,7 +484,7 @@ void DefaultEventMgr::dispatchNext() {
   }
   QueuedEvent event;
   {
-    std::unique_lock<std::mutex> lock(queueMutex_);
+    std::unique_lock<std::mutex> lock = lockQueue();
     if (queue_.empty()) {
       if (!isStopping()) {
         queueCondition_.wait_for(lock, kIdleWait);

@@ -40,6 +40,7 @@
 
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
+#include <boost/smart_ptr/local_shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
@@ -175,6 +176,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // Queues `event` at the back (true) or the front (false) and wakes the
   // dispatcher.
   void enqueue(QueuedEvent event, bool atBack);
+  // Takes queueMutex_, trying briefly before it sleeps on it.
+  std::unique_lock<std::mutex> lockQueue() const;
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
   // `holder`, if given, is the caller's share of the manager; it is let go
@@ -200,7 +203,9 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   mutable boost::mutex mailerMutex_;
 
   // Dispatcher thread only (see the overview).
-  std::unordered_map<std::string, std::shared_ptr<Subscribers>> table_;
+  // Counted without atomic operations: only the dispatcher thread ever
+  // copies or drops these pointers (see the overview).
+  std::unordered_map<std::string, boost::local_shared_ptr<Subscribers>> table_;
   // Client subscriptions, without the dispatcher's own; read by any thread.
   std::atomic<unsigned int> subscriptionCount_{0};
 
