@@ -2,25 +2,13 @@
 // order of every virtual table is part of the binary interface. Under the
 // Itanium C++ ABI a pointer to a virtual member function holds 1 + the byte
 // offset of its slot; the two destructor entries fill slots 0 and 1.
-#include <gtest/gtest.h>
-
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "Corvane/System/InternalException.h"
-#include "Corvane/System/Throwable.h"
-#include "DefaultEventMgr.h"
-#include "TestSupport.h"
+#include "UnitTest.h"
 #include "vexutil/contextmgr/ContextRegistry.h"
-#include "vexutil/eventmgr/ClientProxy.h"
-#include "vexutil/eventmgr/EventMgr.h"
-#include "vexutil/eventmgr/NotifyDeadlockException.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
 
 namespace {
 
@@ -37,55 +25,49 @@ std::ptrdiff_t slotOf(MemberFunction function) {
   return static_cast<std::ptrdiff_t>((representation.pointerOrOffset - 1) / sizeof(void*));
 }
 
+using Client = EventMgr::ClientPtr;
+using TypeList = EventMgr::TypeList;
+template <typename... Parameters>
+using Member = void (EventMgr::*)(Parameters...);
+
 }  // namespace
 
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::EventMgr;
-using TypeList = std::vector<std::string>;
-
-// BaseEvent, and InputRequestEvent after it: destructor, clone, writeDescription.
-TEST(VirtualTables, Events) {
+// Slot order of BaseEvent and InputRequestEvent (clone, writeDescription) and of ClientProxy.
+TEST(VirtualTables, EventsAndClients) {
+  using vexutil::eventmgr::ClientProxy;
   EXPECT_EQ(slotOf(&BaseEvent::clone), 2);
   EXPECT_EQ(slotOf(&BaseEvent::writeDescription), 3);
-  using vexutil::inputreqevt::InputRequestEvent;
   EXPECT_EQ(slotOf(&InputRequestEvent::clone), 2);
   EXPECT_EQ(slotOf(static_cast<std::ostream& (InputRequestEvent::*)(std::ostream&) const>(
                 &InputRequestEvent::writeDescription)),
             3);
-}
-
-// ClientProxy: destructor, notify, getClassId, getInstanceId.
-TEST(VirtualTables, ClientProxy) {
-  using vexutil::eventmgr::ClientProxy;
   EXPECT_EQ(slotOf(&ClientProxy::notify), 2);
   EXPECT_EQ(slotOf(&ClientProxy::getClassId), 3);
   EXPECT_EQ(slotOf(&ClientProxy::getInstanceId), 4);
 }
 
-// EventMgr: the twelve slots, the three subscribe/unSubscribe pairs mirrored.
+// EventMgr's twelve slots, subscribe/unSubscribe mirrored; the default manager is an EventMgr, then a ToDoAdapter.
 TEST(VirtualTables, EventMgr) {
-  using Client = EventMgr::ClientPtr;
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const BaseEvent&, bool)>(&EventMgr::publish)), 2);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const BaseEvent&)>(&EventMgr::publish)), 3);
+  EXPECT_EQ(slotOf(static_cast<Member<const BaseEvent&, bool>>(&EventMgr::publish)), 2);
+  EXPECT_EQ(slotOf(static_cast<Member<const BaseEvent&>>(&EventMgr::publish)), 3);
   EXPECT_EQ(slotOf(&EventMgr::getSubscriptionCount), 4);
   EXPECT_EQ(slotOf(&EventMgr::getPendingEventCount), 5);
   EXPECT_EQ(slotOf(&EventMgr::isDispatchOrMainThread), 6);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const std::string&, const Client&)>(&EventMgr::subscribe)), 7);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const TypeList&, const Client&)>(&EventMgr::subscribe)), 8);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const TypeList&, const TypeList&, const Client&)>(
-                &EventMgr::subscribe)),
-            9);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const std::string&, const Client&)>(&EventMgr::unSubscribe)), 10);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const TypeList&, const Client&)>(&EventMgr::unSubscribe)), 11);
-  EXPECT_EQ(slotOf(static_cast<void (EventMgr::*)(const TypeList&, const TypeList&, const Client&)>(
-                &EventMgr::unSubscribe)),
-            12);
+  EXPECT_EQ(slotOf(static_cast<Member<const std::string&, const Client&>>(&EventMgr::subscribe)), 7);
+  EXPECT_EQ(slotOf(static_cast<Member<const TypeList&, const Client&>>(&EventMgr::subscribe)), 8);
+  EXPECT_EQ(slotOf(static_cast<Member<const TypeList&, const TypeList&, const Client&>>(&EventMgr::subscribe)), 9);
+  EXPECT_EQ(slotOf(static_cast<Member<const std::string&, const Client&>>(&EventMgr::unSubscribe)), 10);
+  EXPECT_EQ(slotOf(static_cast<Member<const TypeList&, const Client&>>(&EventMgr::unSubscribe)), 11);
+  EXPECT_EQ(slotOf(static_cast<Member<const TypeList&, const TypeList&, const Client&>>(&EventMgr::unSubscribe)), 12);
+  DefaultEventMgr& manager = defaultManager();  // An EventMgr first and a ToDoAdapter second.
+  const auto* whole = reinterpret_cast<const char*>(&manager);
+  EXPECT_EQ(reinterpret_cast<const char*>(static_cast<EventMgr*>(&manager)), whole);
+  EXPECT_GT(reinterpret_cast<const char*>(static_cast<ToDoAdapter*>(&manager)), whole);
 }
 
-// Throwable and NotifyDeadlockException: destructor, then the four writers.
-TEST(VirtualTables, Exceptions) {
+// Slot order of Throwable's four writers (NotifyDeadlockException keeps it) and of the context interfaces.
+TEST(VirtualTables, HostInterfaces) {
   using Corvane::System::Throwable;
-  using vexutil::eventmgr::NotifyDeadlockException;
   EXPECT_EQ(slotOf(&Throwable::writeExternal), 2);
   EXPECT_EQ(slotOf(&Throwable::writeRecurseChain), 3);
   EXPECT_EQ(slotOf(&Throwable::writeLocalizedMsg), 4);
@@ -94,10 +76,6 @@ TEST(VirtualTables, Exceptions) {
   EXPECT_EQ(slotOf(&NotifyDeadlockException::writeStackTrace), 5);
   EXPECT_TRUE((std::is_base_of<Corvane::System::InternalException, NotifyDeadlockException>::value));
   EXPECT_FALSE((std::is_base_of<std::exception, Throwable>::value));
-}
-
-// Context interfaces: create, destroy, clone; and restore before save.
-TEST(VirtualTables, ContextInterfaces) {
   using vexutil::contextmgr::ContextBase;
   using vexutil::contextmgr::ContextFactoryBase;
   EXPECT_EQ(slotOf(&ContextFactoryBase::create), 2);
@@ -105,13 +83,4 @@ TEST(VirtualTables, ContextInterfaces) {
   EXPECT_EQ(slotOf(&ContextFactoryBase::clone), 4);
   EXPECT_EQ(slotOf(&ContextBase::restore), 2);
   EXPECT_EQ(slotOf(&ContextBase::save), 3);
-}
-
-// The default manager is an EventMgr first and a ToDoAdapter second.
-TEST(VirtualTables, DefaultManagerBaseOrder) {
-  vexutil::eventmgr::DefaultEventMgr& manager = vexutil::testing_support::defaultManager();
-  const auto* whole = reinterpret_cast<const char*>(&manager);
-  EXPECT_EQ(reinterpret_cast<const char*>(static_cast<EventMgr*>(&manager)), whole);
-  EXPECT_GT(reinterpret_cast<const char*>(static_cast<vexutil::eventmgr::ToDoAdapter*>(&manager)), whole);
-  EXPECT_TRUE(std::is_polymorphic<vexutil::eventmgr::ToDoAdapter>::value);
 }

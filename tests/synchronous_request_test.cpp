@@ -1,126 +1,59 @@
-// Requests that wait for the dispatcher: from other threads, in parallel,
-// and while the manager goes away.
-#include <gtest/gtest.h>
+// Requests that wait for the dispatcher: printing a report while they wait,
+// and refused on the dispatcher thread itself.
+#include "UnitTest.h"
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-#include <vector>
-
-#include "DefaultEventMgr.h"
-#include "EventDispatcher.h"
-#include "Instance.h"
-#include "TestSupport.h"
-#include "vexutil/eventmgr/NotifyDeadlockException.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
-
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::EventMgr;
-using namespace vexutil::testing_support;
-
-// Subscriptions from worker threads are in force when the call returns.
-TEST(SynchronousRequests, SubscribeFromWorkersIsInForceOnReturn) {
-  EventMgr& manager = *EventMgr::instance();
-  constexpr int kWorkers = 8;
-  std::vector<Recorder> recorders(kWorkers);
-  std::vector<std::thread> workers;
-  for (int i = 0; i < kWorkers; ++i) {
-    workers.emplace_back([&manager, &recorders, i] {
-      Recorder& mine = recorders[static_cast<std::size_t>(i)];
-      manager.subscribe("TestEvent", &mine, &Recorder::onTest);
-      // In force now: a synchronous publish from this thread reaches it.
-      manager.publish(TestEvent(i), true);
-      EXPECT_GE(mine.count(), 1U);
-    });
-  }
-  for (std::thread& worker : workers) {
-    worker.join();
-  }
-  EXPECT_EQ(manager.getSubscriptionCount(), static_cast<unsigned>(kWorkers));
-}
-
-// A synchronous publish waits for its own delivery, not just for its turn in the queue.
-TEST(SynchronousRequests, SynchronousPublishReturnsAfterItsDelivery) {
-  EventMgr& manager = *EventMgr::instance();
-  Recorder slow;
-  std::atomic<bool> finished{false};
-  slow.setAction([&finished](const BaseEvent&) {
-    std::this_thread::yield();
-    finished = true;
-  });
-  manager.subscribe("TestEvent", &slow, &Recorder::onTest);
-  for (int i = 0; i < 50; ++i) {
-    finished = false;
-    manager.publish(TestEvent(i));
-    ASSERT_TRUE(finished.load());
-  }
-}
-
-// Each poll prints a pending report on the waiting thread.
+// A failure reported while a thread waits in a synchronous publish is printed by that thread's polls.
+// Forced order: the failing event and the request queue behind a held dispatcher, the hold ends, the
+// failure is reported, and the request's own delivery waits until a poll has taken the report.
 TEST(SynchronousRequests, WaitingThreadPrintsPendingReport) {
   EventMgr& manager = *EventMgr::instance();
-  struct Thrower {
-    void onTest(const TestEvent&) { throw 3; }
-  } thrower;
+  Recorder thrower;
   Recorder blocker;
-  // Holds this request's own delivery until a poll has taken the report.
-  blocker.setAction([](const BaseEvent&) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (defaultManager().hasPendingReport() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
-    }
-  });
-  manager.subscribe("TestEvent", &thrower, &Thrower::onTest);
+  thrower.setAction([](const BaseEvent&) { throw 3; });
+  blocker.setAction(
+      [](const BaseEvent&) { EXPECT_TRUE(eventually([] { return !defaultManager().hasPendingReport(); })); });
+  manager.subscribe("TestEvent", &thrower, &Recorder::onTest);
   manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
-  ::testing::internal::CaptureStdout();
-  manager.publish(TestEvent(), false);  // Fails on the dispatcher.
-  manager.publish(vexutil::inputreqevt::InputRequestEvent(), true);
-  const std::string printed = ::testing::internal::GetCapturedStdout();
+  std::string printed;
+  {
+    DispatcherHold hold;
+    manager.publish(TestEvent(), false);
+    std::thread releaser([&] {
+      EXPECT_TRUE(eventually([&] { return manager.getPendingEventCount() == 2; }));
+      hold.release();
+    });
+    printed = printedBy([&] { manager.publish(InputRequestEvent(), true); });
+    releaser.join();
+  }
   EXPECT_NE(printed.find("] Unknown Exception\n"), std::string::npos) << printed;
-  EXPECT_FALSE(defaultManager().hasPendingReport());
+  EXPECT_EQ(blocker.count(), 1U);
 }
 
-// A manager destroyed while requests wait releases them all.
-TEST(SynchronousRequests, ShutdownReleasesAllWaiters) {
+// On the dispatcher thread each request that waits for it throws NotifyDeadlockException and changes nothing;
+// an asynchronous publish and a plain unSubscribe work there.
+TEST(SynchronousRequests, WaitingRequestsInsideNotifyAreRefused) {
   EventMgr& manager = *EventMgr::instance();
-  Recorder blocker;
-  // Holds the dispatcher until the shutdown has taken the queue.
-  Gate holding;
-  blocker.setAction([&holding](const BaseEvent&) {
-    holding.open();
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!vexutil::eventmgr::EventDispatcher::current()->isStopRequested() &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
+  Recorder recorder;
+  Recorder other;
+  manager.subscribe(Names{"Edit"}, Names{"Commit"}, clientFor(other));
+  manager.subscribe("Other", &other, &Recorder::onTest);
+  recorder.setAction([&](const BaseEvent& event) {
+    if (dynamic_cast<const TestEvent&>(event).payload() != 1) {
+      return;
     }
+    EXPECT_THROW(manager.subscribe("X", &other, &Recorder::onBase), NotifyDeadlockException);
+    EXPECT_THROW(manager.subscribe(Names{"X"}, clientFor(other)), NotifyDeadlockException);
+    EXPECT_THROW(manager.subscribe(Names{"A"}, Names{"B"}, clientFor(other)), NotifyDeadlockException);
+    EXPECT_THROW(manager.unSubscribe(Names{"Edit"}, Names{"Commit"}, clientFor(other)), NotifyDeadlockException);
+    EXPECT_THROW(manager.publish(TestEvent(2), true), NotifyDeadlockException);
+    EXPECT_THROW(manager.publish(TestEvent(2)), NotifyDeadlockException);
+    manager.publish(TestEvent(3), false);
+    manager.unSubscribe("Other", &other, &Recorder::onTest);
   });
-  manager.subscribe("TestEvent", &blocker, &Recorder::onTest);
-  manager.publish(TestEvent(), false);
-  ASSERT_TRUE(holding.wait());  // From here on the queue only grows.
-  constexpr int kWaiters = 6;
-  Counter returned;
-  std::vector<std::thread> waiters;
-  std::vector<Recorder> never(kWaiters);
-  for (int i = 0; i < kWaiters; ++i) {
-    waiters.emplace_back([&, i] {
-      if (i % 2 == 0) {
-        manager.publish(TestEvent(i), true);
-      } else {
-        manager.subscribe("Other", &never[static_cast<std::size_t>(i)], &Recorder::onBase);
-      }
-      returned.add();
-    });
-  }
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (manager.getPendingEventCount() < kWaiters && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
-  ASSERT_EQ(manager.getPendingEventCount(), static_cast<unsigned>(kWaiters));
-  shutDownManager();
-  ASSERT_TRUE(returned.waitFor(kWaiters));
-  for (std::thread& waiter : waiters) {
-    waiter.join();
-  }
-  EXPECT_EQ(blocker.count(), 1U);
+  manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
+  manager.publish(TestEvent(1), true);
+  drainQueue();
+  EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 3}));  // The refused publishes queued nothing.
+  EXPECT_EQ(manager.getSubscriptionCount(), 3U);             // "Edit", "Commit", "TestEvent": "Other" is gone.
+  EXPECT_EQ(defaultManager().getMailerCount(), 1U);
 }
