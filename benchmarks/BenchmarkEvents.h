@@ -12,6 +12,9 @@
 #ifndef VEXUTIL_BENCHMARKS_BENCHMARKEVENTS_H
 #define VEXUTIL_BENCHMARKS_BENCHMARKEVENTS_H
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -103,8 +106,21 @@ class Completion {
   BenchClock::time_point finished_;
 };
 
+// Moves the calling thread to `cpu`; false when the system refuses.
+inline bool pinCurrentThread(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
+}
+
 struct Sink {
   void onPayload(const PayloadEvent& event) {
+    // The worker thread belongs to the system under test; the first delivery
+    // is the first moment this code runs on it.
+    if (workerCpu >= 0 && !workerPinned) {
+      workerPinned = pinCurrentThread(workerCpu);
+    }
     ++received;
     lastSequence = event.getSequence();
     if (completion != nullptr) {
@@ -116,6 +132,10 @@ struct Sink {
   std::uint64_t received = 0;
   std::uint64_t lastSequence = 0;
   Completion* completion = nullptr;
+  // The CPU to move the delivering thread to, or -1 to leave it where the
+  // kernel puts it. Set before the first event is posted.
+  int workerCpu = -1;
+  bool workerPinned = false;  // Delivering thread only.
 };
 
 }  // namespace vexbench

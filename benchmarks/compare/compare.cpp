@@ -25,11 +25,21 @@
 // falls on all of them alike. The first round warms up and is not counted.
 //
 // Usage: vexutil-compare [--rounds R] [--events N] [--round-trips M] [--csv FILE]
-//                        [--systems asio,qt,locked,lockfree]
+//                        [--systems asio,qt,locked,lockfree] [--placement P]
 // vexutil is always measured: the ratios are taken to it.
+//
+// Placement: `split` (the default) moves the posting thread to one CPU and
+// every worker to another, so that each event crosses between cores;
+// `shared` puts them all on one CPU; `free` leaves threads where the kernel
+// puts them. On a
+// shared virtual machine the kernel's choice changes from run to run and,
+// with it, every figure by a factor of up to three, so the two fixed
+// placements are what to compare between runs.
 #include <QCoreApplication>
 #include <QObject>
 #include <QThread>
+
+#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
@@ -48,6 +58,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -63,6 +74,7 @@ namespace {
 using vexbench::BenchClock;
 using vexbench::Completion;
 using vexbench::PayloadEvent;
+using vexbench::pinCurrentThread;
 using vexbench::Sink;
 using vexutil::eventmgr::BaseEvent;
 using EventBox = std::unique_ptr<BaseEvent>;
@@ -74,6 +86,8 @@ double nanoseconds(BenchClock::duration duration) {
 class System {
  public:
   System() { sink_.completion = &completion_; }
+  // Moves the worker thread to `cpu` at its next delivery (-1: leave it).
+  void setWorkerCpu(int cpu) { sink_.workerCpu = cpu; }
   virtual ~System() = default;
   System(const System&) = delete;
   System& operator=(const System&) = delete;
@@ -317,6 +331,7 @@ struct Options {
   std::uint64_t roundTrips = 4000;
   std::string csv;
   std::string systems = "vexutil,asio,qt,locked,lockfree";
+  std::string placement = "split";
 };
 
 Options parseOptions(int argc, char** argv) {
@@ -337,6 +352,11 @@ Options parseOptions(int argc, char** argv) {
       options.roundTrips = std::stoull(value());
     } else if (argument == "--csv") {
       options.csv = value();
+    } else if (argument == "--placement") {
+      options.placement = value();
+      if (options.placement != "free" && options.placement != "split" && options.placement != "shared") {
+        throw std::invalid_argument("--placement takes free, split or shared");
+      }
     } else if (argument == "--systems") {
       options.systems = "vexutil," + value();
     } else {
@@ -347,6 +367,26 @@ Options parseOptions(int argc, char** argv) {
     throw std::invalid_argument("--rounds, --events and --round-trips must be positive");
   }
   return options;
+}
+
+// The posting thread's CPU and the workers': the first two CPUs this process
+// may use, or the first one twice.
+std::pair<int, int> placementCpus(bool split) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
+    throw std::runtime_error("cannot read the CPU affinity");
+  }
+  std::vector<int> cpus;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) {
+      cpus.push_back(cpu);
+    }
+  }
+  if (cpus.empty() || (split && cpus.size() < 2)) {
+    throw std::runtime_error("--placement split needs two CPUs");
+  }
+  return {cpus[0], split ? cpus[1] : cpus[0]};
 }
 
 double median(std::vector<double> values) {
@@ -379,10 +419,19 @@ int runComparison(const Options& options) {
     systems.emplace_back(new LockFreeQueueSystem);
   }
   std::vector<Results> results(systems.size());
+  if (options.placement != "free") {
+    const auto [postingCpu, workerCpu] = placementCpus(options.placement == "split");
+    if (!pinCurrentThread(postingCpu)) {
+      throw std::runtime_error("cannot move the posting thread to CPU " + std::to_string(postingCpu));
+    }
+    for (const std::unique_ptr<System>& system : systems) {
+      system->setWorkerCpu(workerCpu);
+    }
+  }
 
   const PayloadEvent event(7);
   std::cout << "rounds " << options.rounds << " (+1 warm-up), " << options.events << " events, "
-            << options.roundTrips << " round trips per run\n"
+            << options.roundTrips << " round trips per run, placement " << options.placement << "\n"
             << std::flush;
   for (int round = 0; round <= options.rounds; ++round) {
     const bool counted = round > 0;

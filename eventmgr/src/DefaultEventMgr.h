@@ -36,6 +36,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <boost/function.hpp>
@@ -61,6 +62,9 @@ extern const char* const kDeadlockReport;
 constexpr unsigned long kDeadlockReportPoll = 60001;
 
 class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
+  // The unit of cache coherence on the machines this runs on.
+  static constexpr std::size_t kCacheLine = 64;
+
  public:
   using EventPtr = boost::shared_ptr<BaseEvent>;
 
@@ -96,7 +100,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // changed in place while no delivery holds it (see the overview).
   struct Subscribers {
     Subscribers() = default;
-    explicit Subscribers(const ClientSet& set) : clients(set) {}
+    explicit Subscribers(ClientSet set) : clients(std::move(set)) {}
     void buildDeliveryOrder();
 
     ClientSet clients;
@@ -174,10 +178,16 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
  private:
   // Queues `event` at the back (true) or the front (false) and wakes the
-  // dispatcher.
-  void enqueue(QueuedEvent event, bool atBack);
+  // dispatcher. `urgent` exempts it from the batching hold (see
+  // spinForNewEvents).
+  void enqueue(QueuedEvent event, bool atBack, bool urgent);
   // Takes queueMutex_, trying briefly before it sleeps on it.
   std::unique_lock<std::mutex> lockQueue() const;
+  // Dispatcher thread, with the queue seen empty: spins, giving way, until
+  // a publisher hints at a new event, the stop is requested or kIdleSpin has
+  // passed. Right after a delivery it first holds back for up to
+  // kBatchHold, reacting then only to urgent events.
+  void spinForNewEvents();
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
   // `holder`, if given, is the caller's share of the manager; it is let go
@@ -192,12 +202,41 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   boost::weak_ptr<DefaultEventMgr> weakSelf_;
 
-  EventQueue queue_;                        // Guarded by queueMutex_.
-  std::condition_variable queueCondition_;  // Notified after every enqueue.
-  mutable std::mutex queueMutex_;
-  // Mirrors queue_.size() so that the dispatcher can spin on it before it
-  // blocks; written under queueMutex_.
-  std::atomic<std::size_t> queuedCount_{0};
+  // The queue. Publishers and the dispatcher must meet on queueMutex_ once
+  // per event; the rest is laid out so that, in the steady state, every other
+  // cache line is written by one side only:
+  //   * queueMutex_ and the two counts it guards share one line;
+  //   * the dispatcher's own state and the deque's front end (map, map size,
+  //     start: libstdc++'s order) share the next-but-one line, which only the
+  //     dispatcher writes;
+  //   * the deque's back end and enqueueHint_ share the line after that,
+  //     which only publishers write.
+  // queueSize_ stands in for queue_.size() and queue_.empty(), which would
+  // read both ends of the deque.
+  alignas(kCacheLine) mutable std::mutex queueMutex_;
+  std::size_t queueSize_ = 0;          // Always queue_.size(); guarded by queueMutex_.
+  std::uint64_t enqueueSequence_ = 0;  // Events ever queued; guarded by queueMutex_.
+  // Notified after every enqueue; only read while the dispatcher does not
+  // wait on it.
+  alignas(kCacheLine) std::condition_variable queueCondition_;
+  // Dispatcher thread only: the enqueueSequence_ value up to which it has
+  // seen the queue, whether events were left behind the last one taken, and
+  // whether the last cycle delivered one (rather than waited).
+  alignas(kCacheLine) std::uint64_t seenSequence_ = 0;
+  bool backlogged_ = false;
+  bool delivering_ = false;
+  EventQueue queue_;  // Guarded by queueMutex_.
+  // A publisher's enqueueSequence_ value, stored after it let queueMutex_
+  // go: a value beyond seenSequence_ tells the spinning dispatcher that the
+  // mutex is worth taking, and taking it then does not meet the publisher
+  // inside it. A hint only: stores of concurrent publishers may land out of
+  // order and hide a newer value for a moment, so the dispatcher decides by
+  // queueSize_, and its spin is bounded by kIdleSpin.
+  std::atomic<std::uint64_t> enqueueHint_{0};
+  // Like enqueueHint_, for the events that are taken without the batching
+  // hold: requests that a thread waits for, and events queued by the
+  // dispatcher thread itself.
+  std::atomic<std::uint64_t> urgentHint_{0};
 
   std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers_;  // Guarded by mailerMutex_.
   mutable boost::mutex mailerMutex_;

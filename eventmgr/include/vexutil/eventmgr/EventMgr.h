@@ -32,6 +32,11 @@
 /// ### and may not rely on
 /// * the order of delivery between different publishing threads, or between
 ///   subscribers of different adapter classes;
+/// * an asynchronous event being taken the moment it is queued: a dispatcher
+///   that has just delivered the last queued event holds back for up to
+///   5 microseconds, so that a stream of events from another core is taken
+///   in runs. Requests that a thread waits for, and events that subscribers
+///   publish, are taken at once;
 /// * any event being delivered after the manager has been shut down: queued
 ///   events are then dropped, and waiting requesters are released without
 ///   their request having run.
