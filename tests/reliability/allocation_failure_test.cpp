@@ -1,0 +1,497 @@
+// Out of memory at every allocation of every public operation. For each
+// operation, allocation 1, 2, 3, ... of the calling thread fails in turn (and,
+// where the work runs on the dispatcher thread, of the dispatcher), until the
+// operation completes without the failure firing. After every attempt the call
+// has completed, or thrown std::bad_alloc without effect (where an operation
+// documents a partial outcome, exactly that outcome); nothing accepted before
+// is lost or delivered twice; the manager still delivers; no thread is left
+// behind; LeakSanitizer (AddressSanitizer build) finds no leak at exit. Calls
+// run on a caller thread that the test waits for at most kPatience. Each
+// operation is a test of its own, so each runs in a process of its own.
+#include <dirent.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cctype>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FailingAllocation.h"
+#include "UnitTest.h"
+#include "vexutil/contextmgr/ContextRegistry.h"
+
+using vexutil::contextmgr::ContextBase;
+using vexutil::contextmgr::ContextFactoryBase;
+using vexutil::contextmgr::ContextRegistry;
+
+namespace {
+
+constexpr unsigned long kMostAllocations = 400;  // An operation that needs more never completes here.
+const Names kList{"A", "B", "C"};
+const Names kDelayed{"D1", "D2"};
+const Names kTrigger{"T"};  // A combined subscription of kDelayed and kTrigger subscribes three names.
+
+// Counts deliveries per payload and allocates nothing: whatever the dispatcher allocates is the library's.
+struct Sink {
+  std::array<std::atomic<int>, 8192> got{};
+  void on(const TestEvent& event) { got.at(static_cast<std::size_t>(event.payload())).fetch_add(1); }
+  int count(int payload) const { return got.at(static_cast<std::size_t>(payload)).load(); }
+  EventMgr::ClientPtr proxy() { return EventMgr::ClientPtr(new ClientAdapter<Sink, TestEvent>(this, &Sink::on)); }
+};
+
+// Subscribed to "Arm": arms the failure on the thread it runs on, the dispatcher.
+std::atomic<unsigned long> armAt{0};
+struct Armer {
+  void on(const TestEvent& /*event*/) { failNthAllocation(pthread_self(), armAt.load()); }
+};
+
+// Contexts count themselves; saving and restoring each allocate.
+std::atomic<long> liveContexts{0};
+struct Context : ContextBase {
+  Context() { ++liveContexts; }
+  Context(const Context& /*other*/) : ContextBase() { ++liveContexts; }
+  ~Context() override { --liveContexts; }
+  void save() override { saved = std::make_unique<int>(1); }
+  void restore() override { restored = std::make_unique<int>(saved ? *saved : 0); }
+  std::unique_ptr<int> saved;
+  std::unique_ptr<int> restored;
+};
+struct Factory : ContextFactoryBase {
+  ContextBase* create() override { return new Context; }
+  void destroy(ContextBase* context) override { delete context; }
+  ContextBase* clone(const ContextBase* context) override { return new Context(*static_cast<const Context*>(context)); }
+};
+Factory factories[3];  // Registered for the life of the process; [2] by the registerFactory case.
+ContextRegistry& registry() { return *ContextRegistry::getInstance(); }
+
+// How many entries from the front have `member` set; none after them may.
+std::size_t setPrefix(const ContextRegistry::ContextVector& set, std::unique_ptr<int> Context::*member) {
+  std::size_t prefix = 0;
+  while (prefix < set.size() && static_cast<Context*>(set[prefix])->*member) {
+    ++prefix;
+  }
+  for (std::size_t i = prefix; i < set.size(); ++i) {
+    EXPECT_FALSE(static_cast<Context*>(set[i])->*member) << "entry " << i << " is done, an earlier one is not";
+  }
+  return prefix;
+}
+
+std::size_t taskCount() {  // Threads of the process.
+  std::size_t count = 0;
+  if (DIR* const tasks = opendir("/proc/self/task")) {
+    while (const dirent* entry = readdir(tasks)) {
+      count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    closedir(tasks);
+  }
+  return count;
+}
+
+// The thread that makes the calls, one job at a time.
+class Caller {
+ public:
+  Caller() : thread_([this] { serve(); }) {}
+  ~Caller() {
+    post(nullptr);
+    thread_.join();
+  }
+  Caller(const Caller&) = delete;
+  Caller& operator=(const Caller&) = delete;
+  // Runs `job` there; false if it has not finished after kPatience.
+  bool run(std::function<void()> job) {
+    post(std::move(job));
+    return finished();
+  }
+  bool finished() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [this] { return done_ == posted_; });
+  }
+
+ private:
+  void post(std::function<void()> job) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    job_ = std::move(job);
+    ++posted_;
+    changed_.notify_all();
+  }
+  void serve() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this] { return done_ != posted_; });
+      std::function<void()> job = std::move(job_);
+      if (!job) {
+        return;
+      }
+      lock.unlock();
+      job();
+      job = nullptr;
+      lock.lock();
+      ++done_;
+      changed_.notify_all();
+    }
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::function<void()> job_;
+  unsigned long posted_ = 0;
+  unsigned long done_ = 0;
+  std::thread thread_;
+};
+
+struct Abandon {};  // Thrown once a caller had to be rescued: the case has failed and stops.
+
+// Everything a case works with; the operation's client is `target`.
+struct World {
+  Caller caller;
+  Sink sink;  // Subscribed to "Probe", "Before" and "Pub" before any operation.
+  Sink target;
+  Sink other;
+  Armer armer;
+  EventMgr::ClientPtr client;
+  std::unique_ptr<TestEvent> outgoing;
+  ContextRegistry::ContextVector set;
+  ContextRegistry::ContextVector copies;
+  std::size_t factoriesBefore = 0;
+  std::size_t registered = 0;
+  const InputRequestEvent original{1, 2, 3, true};
+  std::unique_ptr<InputRequestEvent> made;
+  int payload = 0;
+  unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
+
+  static EventMgr& manager() { return *EventMgr::instance(); }
+  int next() { return ++payload; }
+  void call(const std::function<void()>& job) {
+    if (!caller.run(job)) {
+      ADD_FAILURE() << "the caller did not come back within kPatience";
+      rescue();
+    }
+  }
+  void publish(const std::string& type, int number, bool synchronous) {
+    call([&] { manager().publish(NamedEvent(type, number), synchronous); });
+  }
+  int deliveredTo(const Sink& to, const std::string& type) {
+    const int number = next();
+    publish(type, number, true);
+    return to.count(number);
+  }
+  // Holds a "D1" event back and triggers: how often the combined subscription hands it to the target.
+  int handedOver() {
+    const int number = next();
+    publish("D1", number, true);
+    publish("T", next(), true);
+    return target.count(number);
+  }
+  unsigned subscriptions() { return manager().getSubscriptionCount(); }
+  void establish() {
+    call([this] {
+      manager().subscribe(Names{"Probe", "Before", "Pub"}, sink.proxy());
+      manager().subscribe("Arm", &armer, &Armer::on);
+    });
+  }
+  // A caller that does not come back waits for a request that is never marked done; only a shutdown, which
+  // releases every waiting requester, ends its wait. Once it is confirmed still waiting (after kPatience),
+  // another thread shuts the manager down and the caller must come back. One stuck for good (on the instance
+  // mutex, say) cannot be released, and the process could not even exit normally: it ends here.
+  [[noreturn]] void rescue() {
+    disarmAllocationFailure();
+    Gate closed;
+    std::thread closer([&closed] {
+      shutDownManager();
+      closed.open();
+    });
+    if (!closed.wait() || !caller.finished()) {
+      ADD_FAILURE() << "shutting the manager down did not release the caller";
+      std::fflush(stdout);
+      std::_Exit(EXIT_FAILURE);
+    }
+    closer.join();
+    throw Abandon();
+  }
+};
+
+// One operation: what it needs first, the call itself, and the check of its outcome, which also undoes it.
+using Step = std::function<void(World&)>;
+struct Operation {
+  const char* name;
+  bool dispatcherWork;  // Also injected on the dispatcher thread.
+  bool freshManager;    // The call makes the manager: nothing can be published before it.
+  Step prepare;
+  Step call;
+  std::function<void(World&, bool threw)> verify;
+};
+
+void subscribeName(World& w) { w.manager().subscribe("A", w.client); }
+void subscribeList(World& w) { w.manager().subscribe(kList, w.client); }
+void subscribeCombined(World& w) { w.manager().subscribe(kDelayed, kTrigger, w.client); }
+void unSubscribeName(World& w) { w.manager().unSubscribe("A", w.client); }
+void unSubscribeList(World& w) { w.manager().unSubscribe(kList, w.client); }
+void unSubscribeCombined(World& w) { w.manager().unSubscribe(kDelayed, kTrigger, w.client); }
+void undo(World& w, void (*step)(World&)) {
+  w.call([&] { step(w); });
+}
+// A fresh proxy of the target, subscribed with `step` (not failing) if given.
+Step withClient(void (*step)(World&) = nullptr) {
+  return [step](World& w) {
+    w.client = w.target.proxy();
+    if (step != nullptr) {
+      undo(w, step);
+    }
+  };
+}
+// Checked before anything is published, which could reach a subscription that outlived its subscriber.
+bool subscriptionsAdded(World& w, unsigned added) {
+  EXPECT_EQ(w.subscriptions(), w.baseline + added);
+  return w.subscriptions() == w.baseline + added;
+}
+void expectCombined(World& w, bool inForce) {
+  if (subscriptionsAdded(w, inForce ? 3 : 0)) {
+    EXPECT_EQ(defaultManager().getMailerCount(), inForce ? 1U : 0U);
+    EXPECT_EQ(w.handedOver(), inForce ? 1 : 0);
+  }
+  undo(w, unSubscribeCombined);
+}
+// How many names from the front of kList reach the target once (`reached`), or not at all; the rest must do
+// the opposite. The list is then withdrawn.
+std::size_t listRun(World& w, bool reached) {
+  const unsigned added = w.subscriptions() - w.baseline;
+  std::size_t run = 0;
+  for (std::size_t i = 0; i < kList.size() && added <= kList.size(); ++i) {
+    const bool got = w.deliveredTo(w.target, kList[i]) == 1;
+    run += got == reached && run == i ? 1 : 0;
+    EXPECT_EQ(got, run > i ? reached : !reached) << kList[i] << ": the names done are not a prefix of the list";
+  }
+  EXPECT_EQ(added, reached ? run : kList.size() - run);
+  undo(w, unSubscribeList);
+  return run;
+}
+Operation publishing(const char* name, bool synchronous) {
+  return {name, synchronous, false,
+          [](World& w) {
+            w.call([&] { w.manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
+            w.outgoing = std::make_unique<NamedEvent>("Pub", w.next());
+          },
+          [synchronous](World& w) { w.manager().publish(*w.outgoing, synchronous); },
+          [](World& w, bool threw) {
+            w.call([] { drainQueue(); });
+            EXPECT_EQ(w.sink.count(w.outgoing->payload()), threw ? 0 : 1);
+            EXPECT_EQ(w.other.count(w.outgoing->payload()), threw ? 0 : 1);
+            w.call([&] { w.manager().unSubscribe("Pub", w.other.proxy()); });
+          }};
+}
+Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
+  return {name, false, false, [](World&) {}, [make](World& w) { w.made.reset(make(w.original)); },
+          [](World& w, bool threw) {
+            ASSERT_EQ(w.made == nullptr, threw);
+            if (w.made) {
+              EXPECT_EQ(w.made->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
+              EXPECT_TRUE(w.made->getCombinedStatus() == 0x00020301 && w.made->getFlag());
+            }
+            w.made.reset();
+          }};
+}
+// The contexts made before a failure stay in the sets and none is lost; the sets then go back.
+void expectContexts(World& w, std::size_t made, bool threw) {
+  EXPECT_EQ(liveContexts.load(), static_cast<long>(w.set.size() + w.copies.size()));
+  EXPECT_EQ(made < registry().getFactoryCount(), threw);
+  registry().destroy(w.copies);
+  registry().destroy(w.set);
+}
+void makeSet(World& w) { registry().create(w.set); }
+
+const std::vector<Operation>& operations() {
+  static const std::vector<Operation> all{
+      publishing("publish(async)", false),
+      publishing("publish(sync)", true),
+      {"subscribe(name)", true, false, withClient(), subscribeName,
+       [](World& w, bool threw) {
+         if (subscriptionsAdded(w, threw ? 0 : 1)) {
+           EXPECT_EQ(w.deliveredTo(w.target, "A"), threw ? 0 : 1);
+         }
+         undo(w, unSubscribeName);
+       }},
+      {"subscribe(list)", true, false, withClient(), subscribeList,
+       [](World& w, bool threw) { EXPECT_EQ(listRun(w, true) == kList.size(), !threw); }},
+      {"subscribe(combined)", true, false, withClient(), subscribeCombined,
+       [](World& w, bool threw) { expectCombined(w, !threw); }},
+      // Exactly one combined subscription, whatever the second call did.
+      {"subscribe(combined, again)", true, false, withClient(subscribeCombined), subscribeCombined,
+       [](World& w, bool /*threw*/) { expectCombined(w, true); }},
+      {"unSubscribe(name)", true, false, withClient(subscribeName), unSubscribeName,
+       [](World& w, bool threw) {
+         if (subscriptionsAdded(w, threw ? 1 : 0)) {
+           EXPECT_EQ(w.deliveredTo(w.target, "A"), threw ? 1 : 0);
+         }
+         undo(w, unSubscribeName);
+       }},
+      {"unSubscribe(list)", true, false, withClient(subscribeList), unSubscribeList,
+       [](World& w, bool threw) { EXPECT_EQ(listRun(w, false) == kList.size(), !threw); }},
+      {"unSubscribe(combined)", true, false, withClient(subscribeCombined), unSubscribeCombined,
+       [](World& w, bool threw) { expectCombined(w, threw); }},
+      {"instance() making the manager", false, true,
+       [](World& w) { w.call([] { shutDownManager(); restartManager(); }); },
+       [](World& /*w*/) { EventMgr::instance(); },
+       [](World& w, bool /*threw*/) {
+         bool working = false;  // After a failure, the next call tries again.
+         w.call([&] { working = dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; });
+         EXPECT_TRUE(working);
+         w.establish();
+       }},
+      {"registerFactory, 12 in a row", false, false,
+       [](World& w) {
+         w.factoriesBefore = registry().getFactoryCount();
+         w.registered = 0;
+       },
+       [](World& w) {
+         for (; w.registered < 12; ++w.registered) {
+           registry().registerFactory(&factories[2]);
+         }
+       },
+       [](World& w, bool threw) {
+         EXPECT_EQ(registry().getFactoryCount(), w.factoriesBefore + w.registered);
+         EXPECT_EQ(w.registered < 12, threw);
+       }},
+      {"ContextRegistry::create", false, false, [](World&) {}, makeSet,
+       [](World& w, bool threw) { expectContexts(w, w.set.size(), threw); }},
+      {"ContextRegistry::destroy", false, false, makeSet, [](World& w) { registry().destroy(w.set); },
+       [](World& w, bool threw) {
+         EXPECT_EQ(w.set.size(), threw ? registry().getFactoryCount() : 0U);
+         expectContexts(w, registry().getFactoryCount(), false);
+       }},
+      {"ContextRegistry::save", false, false, makeSet, [](World& w) { registry().save(w.set); },
+       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::saved), threw); }},
+      {"ContextRegistry::restore", false, false,
+       [](World& w) {
+         makeSet(w);
+         registry().save(w.set);
+       },
+       [](World& w) { registry().restore(w.set); },
+       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::restored), threw); }},
+      {"ContextRegistry::clone", false, false, makeSet, [](World& w) { registry().clone(w.copies, w.set); },
+       [](World& w, bool threw) { expectContexts(w, w.copies.size(), threw); }},
+      makingEvent("InputRequestEvent(values)",
+                  [](const InputRequestEvent&) { return new InputRequestEvent(1, 2, 3, true); }),
+      makingEvent("InputRequestEvent(copy)", [](const InputRequestEvent& e) { return new InputRequestEvent(e); }),
+      makingEvent("InputRequestEvent::clone", [](const InputRequestEvent& e) { return e.clone(); }),
+  };
+  return all;
+}
+
+struct Case {
+  const Operation* operation;
+  bool onDispatcher;
+  std::string label() const { return std::string(operation->name) + (onDispatcher ? " on the dispatcher" : " on the caller"); }
+};
+void PrintTo(const Case& c, std::ostream* out) { *out << c.label(); }
+
+std::vector<Case> cases() {
+  std::vector<Case> all;
+  for (const Operation& operation : operations()) {
+    all.push_back({&operation, false});
+    if (operation.dispatcherWork) {
+      all.push_back({&operation, true});
+    }
+  }
+  return all;
+}
+
+class AllocationFailure : public ::testing::TestWithParam<Case> {
+ protected:
+  void SetUp() override {
+    static const bool registered = [] {
+      registry().registerFactory(&factories[0]);
+      registry().registerFactory(&factories[1]);
+      return true;
+    }();
+    (void)registered;
+    world_ = std::make_unique<World>();
+  }
+  void TearDown() override {
+    shutDownManager();  // Before the world goes: the manager holds its subscribers.
+    restartManager();
+    world_.reset();
+    EXPECT_EQ(liveContexts.load(), 0);
+  }
+  std::unique_ptr<World> world_;
+};
+
+enum class Outcome { Returned, BadAlloc, Other };
+
+}  // namespace
+
+// Every allocation of the operation, failing in turn, is thrown out or absorbed, loses nothing and stops nothing.
+TEST_P(AllocationFailure, EveryFailureThrowsOrIsAbsorbedAndLosesNothing) {
+  World& w = *world_;
+  const Case& c = GetParam();
+  unsigned long survived = 0;
+  bool completed = false;
+  try {
+    w.establish();
+    w.baseline = w.subscriptions();
+    const std::size_t threads = taskCount();
+    for (unsigned long n = 1; n <= kMostAllocations && !completed && !HasFailure(); ++n) {
+      SCOPED_TRACE(c.label() + ", allocation " + std::to_string(n) + " fails");
+      c.operation->prepare(w);
+      std::vector<int> before;  // Accepted before the call: each must arrive once.
+      for (int i = 0; i < 2 && !c.operation->freshManager; ++i) {
+        before.push_back(w.next());
+        w.publish("Before", before.back(), false);
+      }
+      Outcome outcome = Outcome::Returned;
+      bool fired = false;
+      armAt = n;
+      w.call([&] {
+        if (c.onDispatcher) {
+          w.manager().publish(NamedEvent("Arm", w.next()), true);
+        } else {
+          failNthAllocation(pthread_self(), n);
+        }
+        try {
+          c.operation->call(w);
+        } catch (const std::bad_alloc&) {
+          outcome = Outcome::BadAlloc;
+        } catch (...) {
+          outcome = Outcome::Other;
+        }
+        fired = disarmAllocationFailure();
+      });
+      EXPECT_NE(outcome, Outcome::Other);
+      EXPECT_TRUE(fired || outcome == Outcome::Returned) << "threw without a failing allocation";
+      c.operation->verify(w, outcome == Outcome::BadAlloc);
+      EXPECT_EQ(w.subscriptions(), w.baseline) << "a subscription is left over, or one made before is gone";
+      EXPECT_EQ(w.deliveredTo(w.sink, "Probe"), 1) << "the manager no longer delivers exactly once";
+      for (const int number : before) {
+        EXPECT_EQ(w.sink.count(number), 1) << "an event published before the call";
+      }
+      EXPECT_TRUE(eventually([&] { return taskCount() == threads; })) << "a thread is left behind";
+      completed = !fired && !HasFailure();
+      survived = fired && !HasFailure() ? n : n - 1;
+    }
+  } catch (const Abandon&) {
+  }
+  EXPECT_TRUE(completed || HasFailure()) << "not completed within " << kMostAllocations << " allocations";
+  std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label().c_str(), survived,
+              completed ? "" : " (stopped at a failure)");
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, AllocationFailure, ::testing::ValuesIn(cases()),
+                         [](const ::testing::TestParamInfo<Case>& param) {
+                           std::string name;
+                           for (const char ch : param.param.label()) {
+                             if (std::isalnum(static_cast<unsigned char>(ch)) != 0) {
+                               name += ch;
+                             } else if (!name.empty() && name.back() != '_') {
+                               name += '_';
+                             }
+                           }
+                           return name.back() == '_' ? name.substr(0, name.size() - 1) : name;
+                         });
