@@ -22,6 +22,20 @@ class SectionLock {
 
 constexpr std::size_t kReservedFactories = 10;
 
+// Appends `context`, just made by `factory`. If the vector cannot grow, the
+// context goes back to its factory before the exception passes on, so that
+// it is not lost.
+void appendOrHandBack(ContextRegistry::ContextVector& contexts, ContextBase* context, ContextFactoryBase& factory) {
+  try {
+    contexts.push_back(context);
+  } catch (...) {
+    if (context != nullptr) {
+      factory.destroy(context);
+    }
+    throw;
+  }
+}
+
 }  // namespace
 
 ContextBase::~ContextBase() = default;
@@ -48,9 +62,10 @@ void ContextRegistry::registerFactory(ContextFactoryBase* factory) {
 void ContextRegistry::create(ContextVector& contexts) {
   SectionLock lock(lock_);
   contexts.reserve(contexts.size() + factories_.size());
-  // Index-based: a factory may register another one from inside create().
+  // Index-based: a factory may register another one from inside create(),
+  // and the vector then grows beyond what was reserved.
   for (std::size_t i = 0; i < factories_.size(); ++i) {  // NOLINT(modernize-loop-convert)
-    contexts.push_back(factories_[i]->create());
+    appendOrHandBack(contexts, factories_[i]->create(), *factories_[i]);
   }
 }
 
@@ -88,8 +103,12 @@ void ContextRegistry::clone(ContextVector& destination, const ContextVector& sou
   const std::size_t paired = std::min(factories_.size(), source.size());
   // Appending to `source` itself would invalidate what is being read.
   const ContextVector originals(source.begin(), source.begin() + static_cast<std::ptrdiff_t>(paired));
+  // Running out of memory here leaves `destination` as it was; later
+  // appends cannot fail.
+  destination.reserve(destination.size() + paired);
   for (std::size_t i = 0; i < paired; ++i) {
-    destination.push_back(originals[i] != nullptr ? factories_[i]->clone(originals[i]) : nullptr);
+    appendOrHandBack(destination, originals[i] != nullptr ? factories_[i]->clone(originals[i]) : nullptr,
+                     *factories_[i]);
   }
 }
 

@@ -121,7 +121,9 @@ class VEXUTIL_API ContextRegistry {
   /// Appends one new context per factory, in registration order. The vector is
   /// not cleared first: pass an empty one to get an index-aligned set.
   /// \post On an exception from a factory, the contexts made so far stay in
-  ///       `contexts`; the caller hands them back with destroy().
+  ///       `contexts`; the caller hands them back with destroy(). When
+  ///       memory runs out, std::bad_alloc passes out the same way; a context
+  ///       that could not be appended has gone back to its factory first.
   /// \par Thread
   /// Any thread; `contexts` must not be used by another thread meanwhile.
   void create(ContextVector& contexts);
@@ -155,7 +157,9 @@ class VEXUTIL_API ContextRegistry {
   /// \pre `source` is index-aligned, as for destroy(). Pass an empty
   ///      `destination` to get an index-aligned copy.
   /// \post On an exception from a factory, the copies made so far stay in
-  ///       `destination`.
+  ///       `destination`. When memory runs out, std::bad_alloc passes out:
+  ///       before any copy is made if `destination` cannot hold them all,
+  ///       otherwise as for an exception from a factory.
   /// \par Thread
   /// Any thread; neither vector may be used by another thread meanwhile.
   void clone(ContextVector& destination, const ContextVector& source) const;
