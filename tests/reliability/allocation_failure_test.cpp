@@ -5,8 +5,8 @@
 // has completed, or thrown std::bad_alloc without effect (where an operation
 // documents a partial outcome, exactly that outcome); nothing accepted before
 // is lost or delivered twice; the manager still delivers; no thread is left
-// behind; LeakSanitizer (AddressSanitizer build) finds no leak at exit. Calls
-// run on a caller thread that the test waits for at most kPatience. Each
+// behind; LeakSanitizer (AddressSanitizer build) finds no leak at exit. Every
+// call runs on a caller thread that the test waits for at most kPatience. Each
 // operation is a test of its own, so each runs in a process of its own.
 #include <dirent.h>
 #include <pthread.h>
@@ -14,12 +14,11 @@
 #include <array>
 #include <atomic>
 #include <cctype>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <ostream>
 #include <string>
@@ -97,62 +96,10 @@ std::size_t taskCount() {  // Threads of the process.
   return count;
 }
 
-// The thread that makes the calls, one job at a time.
-class Caller {
- public:
-  Caller() : thread_([this] { serve(); }) {}
-  ~Caller() {
-    post(nullptr);
-    thread_.join();
-  }
-  Caller(const Caller&) = delete;
-  Caller& operator=(const Caller&) = delete;
-  // Runs `job` there; false if it has not finished after kPatience.
-  bool run(std::function<void()> job) {
-    post(std::move(job));
-    return finished();
-  }
-  bool finished() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [this] { return done_ == posted_; });
-  }
-
- private:
-  void post(std::function<void()> job) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    job_ = std::move(job);
-    ++posted_;
-    changed_.notify_all();
-  }
-  void serve() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      changed_.wait(lock, [this] { return done_ != posted_; });
-      std::function<void()> job = std::move(job_);
-      if (!job) {
-        return;
-      }
-      lock.unlock();
-      job();
-      job = nullptr;
-      lock.lock();
-      ++done_;
-      changed_.notify_all();
-    }
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::function<void()> job_;
-  unsigned long posted_ = 0;
-  unsigned long done_ = 0;
-  std::thread thread_;
-};
-
 struct Abandon {};  // Thrown once a caller had to be rescued: the case has failed and stops.
 
 // Everything a case works with; the operation's client is `target`.
 struct World {
-  Caller caller;
   Sink sink;  // Subscribed to "Probe", "Before" and "Pub" before any operation.
   Sink target;
   Sink other;
@@ -170,11 +117,14 @@ struct World {
 
   static EventMgr& manager() { return *EventMgr::instance(); }
   int next() { return ++payload; }
+  // Runs `job` on a caller thread of its own and waits for it, at most kPatience.
   void call(const std::function<void()>& job) {
-    if (!caller.run(job)) {
+    std::future<void> done = std::async(std::launch::async, job);
+    if (done.wait_for(kPatience) != std::future_status::ready) {
       ADD_FAILURE() << "the caller did not come back within kPatience";
-      rescue();
+      rescue(done);
     }
+    done.get();
   }
   void publish(const std::string& type, int number, bool synchronous) {
     call([&] { manager().publish(NamedEvent(type, number), synchronous); });
@@ -202,14 +152,14 @@ struct World {
   // releases every waiting requester, ends its wait. Once it is confirmed still waiting (after kPatience),
   // another thread shuts the manager down and the caller must come back. One stuck for good (on the instance
   // mutex, say) cannot be released, and the process could not even exit normally: it ends here.
-  [[noreturn]] void rescue() {
+  [[noreturn]] static void rescue(const std::future<void>& caller) {
     disarmAllocationFailure();
     Gate closed;
     std::thread closer([&closed] {
       shutDownManager();
       closed.open();
     });
-    if (!closed.wait() || !caller.finished()) {
+    if (!closed.wait() || caller.wait_for(kPatience) != std::future_status::ready) {
       ADD_FAILURE() << "shutting the manager down did not release the caller";
       std::fflush(stdout);
       std::_Exit(EXIT_FAILURE);
