@@ -19,6 +19,7 @@
 #ifndef VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
 #define VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
 
+#include <exception>
 #include <string>
 
 #include <boost/chrono.hpp>
@@ -37,6 +38,10 @@ class ActionContainerEvent : public BaseEvent {
   using Clock = boost::chrono::steady_clock;
 
   struct SyncData {
+    // A failure of the action that it hands to the requester instead of
+    // throwing: written by the action before it is marked done, read by the
+    // requester once done (ordered by `mutex`).
+    std::exception_ptr failure;
     boost::condition_variable cond;  // Notified when `done` becomes true.
     boost::mutex mutex;              // Guards `done`.
     bool done = false;               // Set once, never cleared.

@@ -84,11 +84,36 @@ std::string composeFailureReport(const BaseEvent& event, long position, const Cl
 
 // The action of a synchronous publish. Small enough for boost::function to
 // keep in place, where a bound member function with the event is not and
-// would cost an allocation per request.
+// would cost an allocation per request. deliver() never throws, so the
+// requester is always released.
 struct DeliverEvent {
   DefaultEventMgr* manager;
   DefaultEventMgr::EventPtr event;
   void operator()() const { manager->deliver(event); }
+};
+
+// The action of a subscribe or unSubscribe request. A failure (out of memory)
+// is handed to the waiting requester through `outcome` instead of leaving the
+// action: an action that throws is never marked done, and its requester would
+// wait until the manager shuts down. `outcome` belongs to the action event
+// that holds this function, so it outlives every call.
+struct ChangeSubscription {
+  DefaultEventMgr* manager;
+  std::string eventType;
+  DefaultEventMgr::ClientPtr client;
+  bool add;
+  ActionContainerEvent::SyncData* outcome;
+  void operator()() const {
+    try {
+      if (add) {
+        manager->addSubscription(eventType, client);
+      } else {
+        manager->removeSubscription(eventType, client);
+      }
+    } catch (...) {
+      outcome->failure = std::current_exception();
+    }
+  }
 };
 
 }  // namespace
@@ -117,9 +142,22 @@ DefaultEventMgr::DefaultEventMgr() : dispatcher_(new EventDispatcher) {
 }
 
 DefaultEventMgr::~DefaultEventMgr() {
+  shutDown();
+  // A dispatcher stopped from inside its own delivery could not be joined
+  // then; it has finished, or finishes, that delivery and leaves its loop.
+  if (dispatcher_) {
+    dispatcher_->join();
+  }
+}
+
+void DefaultEventMgr::shutDown() noexcept {
   EventQueue pending;
   try {
     boost::mutex::scoped_lock instanceLock(detail::instanceMutex());
+    if (shutDown_) {
+      return;
+    }
+    shutDown_ = true;
     detail::switchInstanceToDummy();
     {
       const std::lock_guard<std::mutex> queueLock(queueMutex_);
@@ -130,7 +168,10 @@ DefaultEventMgr::~DefaultEventMgr() {
       dispatcher_->stop(this);
     }
     releasePendingActions(pending);
-    table_.clear();
+    // Swapped out rather than cleared: the table's buckets go too. A delivery
+    // in progress on this thread (a subscriber let the last share go) keeps
+    // its own share of the entry it walks.
+    decltype(table_)().swap(table_);
     subscriptionCount_.store(0, std::memory_order_relaxed);
     std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers;
     {
@@ -143,9 +184,11 @@ DefaultEventMgr::~DefaultEventMgr() {
       mailer->clearAll();
     }
     mailers.clear();
-    dispatcher_.reset();
+    // The dispatcher object stays until the manager is freed: a late call on
+    // a retired manager still asks it whether it runs on the dispatcher
+    // thread.
     pending.clear();
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor lets nothing out.
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the shutdown lets nothing out.
   }
 }
 
@@ -240,8 +283,8 @@ unsigned int DefaultEventMgr::getPendingEventCount() const {
 }
 
 bool DefaultEventMgr::isDispatchOrMainThread() const {
-  if (!dispatcher_) {
-    return false;
+  if (!dispatcher_ || dispatcher_->isStopRequested()) {
+    return false;  // No dispatcher, or shut down.
   }
   if (dispatcher_->isDispatcherThread()) {
     return true;
@@ -249,9 +292,7 @@ bool DefaultEventMgr::isDispatchOrMainThread() const {
   return hxIsSignalThread() != 0;
 }
 
-bool DefaultEventMgr::isDispatcherThread() const noexcept {
-  return dispatcher_ && dispatcher_->isDispatcherThread();
-}
+bool DefaultEventMgr::isDispatcherThread() const noexcept { return dispatcher_ && dispatcher_->isDispatcherThread(); }
 
 bool DefaultEventMgr::isStopping() const noexcept { return dispatcher_ && dispatcher_->isStopRequested(); }
 
@@ -269,7 +310,7 @@ void DefaultEventMgr::subscribe(const std::string& eventType, const ClientPtr& c
   if (!client || eventType.empty()) {
     return;
   }
-  runSynchronously(boost::bind(&DefaultEventMgr::addSubscription, this, eventType, client), true);
+  changeSubscription(eventType, client, true);
 }
 
 void DefaultEventMgr::subscribe(const TypeList& eventTypes, const ClientPtr& client) {
@@ -290,8 +331,7 @@ void DefaultEventMgr::subscribe(const TypeList& eventTypes, const ClientPtr& cli
       continue;
     }
     DefaultEventMgr* const target = manager.get();
-    target->runSynchronously(boost::bind(&DefaultEventMgr::addSubscription, target, eventType, client), true,
-                             std::move(manager));
+    target->changeSubscription(eventType, client, true, std::move(manager));
   }
 }
 
@@ -303,18 +343,44 @@ void DefaultEventMgr::subscribe(const TypeList& delayedInputTypes, const TypeLis
   if (!client) {
     return;
   }
-  // Built (and, for a duplicate, destroyed) outside mailerMutex_: both wait
-  // for the dispatcher thread, and the manager may be destroyed meanwhile.
-  // The mailer is then dropped (it withdraws from the no-op manager) and
-  // `this` is not touched again.
   const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
-  const boost::shared_ptr<ProxyMailer> mailer(new ProxyMailer(delayedInputTypes, triggerInputTypes, client));
+  {
+    // An equal combined subscription is looked for first: a second mailer,
+    // subscribed and then dropped as a duplicate, would hand the client every
+    // flushed event twice while it lived.
+    const std::set<std::string> delayed(delayedInputTypes.begin(), delayedInputTypes.end());
+    const std::set<std::string> trigger(triggerInputTypes.begin(), triggerInputTypes.end());
+    boost::mutex::scoped_lock lock(mailerMutex_);
+    if (findMailerLocked(*client, delayed, trigger)) {
+      return;
+    }
+  }
+  // Built (and, if another thread got there first, destroyed) outside
+  // mailerMutex_: both wait for the dispatcher thread, and the manager may
+  // shut down meanwhile. The mailer is then dropped (it withdraws from the
+  // no-op manager) and `this` is not touched again.
+  boost::shared_ptr<ProxyMailer> mailer(new ProxyMailer(delayedInputTypes, triggerInputTypes, client));
   const boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
   if (!manager) {
     return;
   }
   boost::mutex::scoped_lock lock(manager->mailerMutex_);
-  manager->mailers_.insert(mailer);
+  // If the insertion fails, or finds an equal mailer, the new one withdraws
+  // its subscriptions as it goes.
+  manager->mailers_.insert(std::move(mailer));
+}
+
+boost::shared_ptr<ProxyMailer> DefaultEventMgr::findMailerLocked(const ClientProxy& client,
+                                                                 const std::set<std::string>& delayed,
+                                                                 const std::set<std::string>& trigger) const {
+  for (const boost::shared_ptr<ProxyMailer>& mailer : mailers_) {
+    const ClientProxy& mailerClient = *mailer->getClient();
+    const bool sameClient = !clientLess(mailerClient, client) && !clientLess(client, mailerClient);
+    if (sameClient && mailer->getDelayedInputTypes() == delayed && mailer->getTriggerInputTypes() == trigger) {
+      return mailer;
+    }
+  }
+  return boost::shared_ptr<ProxyMailer>();
 }
 
 void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr& client) {
@@ -325,7 +391,7 @@ void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr&
     removeSubscription(eventType, client);
     return;
   }
-  runSynchronously(boost::bind(&DefaultEventMgr::removeSubscription, this, eventType, client), false);
+  changeSubscription(eventType, client, false);
 }
 
 void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& client) {
@@ -347,8 +413,7 @@ void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& c
       continue;
     }
     DefaultEventMgr* const target = manager.get();
-    target->runSynchronously(boost::bind(&DefaultEventMgr::removeSubscription, target, eventType, client), false,
-                             std::move(manager));
+    target->changeSubscription(eventType, client, false, std::move(manager));
   }
 }
 
@@ -366,21 +431,16 @@ void DefaultEventMgr::unSubscribe(const TypeList& delayedInputTypes, const TypeL
   if (isDispatcherThread() && !(delayed.empty() && trigger.empty())) {
     throw NotifyDeadlockException();
   }
-  std::vector<boost::shared_ptr<ProxyMailer>> erased;
+  boost::shared_ptr<ProxyMailer> erased;
   {
     boost::mutex::scoped_lock lock(mailerMutex_);
-    for (auto it = mailers_.begin(); it != mailers_.end();) {
-      const ProxyMailer& mailer = **it;
-      const bool sameClient = !clientLess(*mailer.getClient(), *client) && !clientLess(*client, *mailer.getClient());
-      if (sameClient && mailer.getDelayedInputTypes() == delayed && mailer.getTriggerInputTypes() == trigger) {
-        erased.push_back(*it);
-        it = mailers_.erase(it);
-      } else {
-        ++it;
-      }
+    // The set holds at most one mailer per client and pair of sets.
+    erased = findMailerLocked(*client, delayed, trigger);
+    if (erased) {
+      mailers_.erase(erased);
     }
   }
-  // The erased mailers withdraw their subscriptions as `erased` goes, outside
+  // The erased mailer withdraws its subscriptions as `erased` goes, outside
   // mailerMutex_.
 }
 
@@ -390,32 +450,48 @@ void DefaultEventMgr::countSubscriptions(const std::string& eventType, long delt
   }
 }
 
-void DefaultEventMgr::Subscribers::buildDeliveryOrder() {
+bool DefaultEventMgr::Subscribers::tryBuildDeliveryOrder() noexcept {
   deliveryOrder.clear();
-  deliveryOrder.reserve(clients.size());
+  try {
+    deliveryOrder.reserve(clients.size());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   for (const ClientPtr& client : clients) {
     deliveryOrder.push_back(client.get());
   }
   deliveryOrderCurrent = true;
+  return true;
 }
 
 void DefaultEventMgr::addSubscription(const std::string& eventType, const ClientPtr& client) {
   if (!client) {
     return;
   }
-  boost::local_shared_ptr<Subscribers>& subscribers = table_[eventType];
-  if (!subscribers) {
-    subscribers = boost::make_local_shared<Subscribers>();
-  } else if (subscribers.local_use_count() > 1 && subscribers->clients.find(client) == subscribers->clients.end()) {
-    // A delivery holds this entry: change a copy and leave its snapshot alone.
-    subscribers = boost::make_local_shared<Subscribers>(subscribers->clients);
-  }
-  // A subscriber that is already in the set keeps its entry; the new proxy is
-  // dropped without a report.
-  if (subscribers->clients.insert(client).second) {
-    subscribers->deliveryOrderCurrent = false;
+  // Every step that may run out of memory comes before the table changes: an
+  // entry is put in only once it is complete.
+  const auto found = table_.find(eventType);
+  if (found == table_.end()) {
+    boost::local_shared_ptr<Subscribers> created = boost::make_local_shared<Subscribers>();
+    created->clients.insert(client);
+    table_.emplace(eventType, std::move(created));
     countSubscriptions(eventType, 1);
+    return;
   }
+  boost::local_shared_ptr<Subscribers>& subscribers = found->second;
+  if (subscribers->clients.find(client) != subscribers->clients.end()) {
+    return;  // The same subscriber keeps its entry; the new proxy is dropped without a report.
+  }
+  if (subscribers.local_use_count() > 1) {
+    // A delivery holds this entry: change a copy and leave its snapshot alone.
+    boost::local_shared_ptr<Subscribers> copy = boost::make_local_shared<Subscribers>(subscribers->clients);
+    copy->clients.insert(client);
+    subscribers = std::move(copy);
+  } else {
+    subscribers->clients.insert(client);
+    subscribers->deliveryOrderCurrent = false;
+  }
+  countSubscriptions(eventType, 1);
 }
 
 void DefaultEventMgr::removeSubscription(const std::string& eventType, const ClientPtr& client) {
@@ -445,13 +521,31 @@ void DefaultEventMgr::removeSubscription(const std::string& eventType, const Cli
 
 // --- Delivery --------------------------------------------------------------------
 
-void DefaultEventMgr::deliver(const EventPtr& event) {
+void DefaultEventMgr::deliver(const EventPtr& event) noexcept {
   if (event) {
     deliver(*event);
   }
 }
 
-void DefaultEventMgr::deliver(const BaseEvent& event) {
+void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept {
+  try {
+    client.notify(event);
+  } catch (const Corvane::System::IUserException& failure) {
+    reportFailure(event, position, client, &failure);
+  } catch (...) {
+    reportFailure(event, position, client, nullptr);
+  }
+}
+
+void DefaultEventMgr::reportFailure(const BaseEvent& event, std::size_t position, const ClientProxy& client,
+                                    const Corvane::System::IUserException* userException) noexcept {
+  try {
+    storePendingReport(composeFailureReport(event, static_cast<long>(position), client, userException));
+  } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for the report; delivery goes on without it.
+  }
+}
+
+void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
   for (const std::string& eventType : event.getTypes()) {
     const auto found = table_.find(eventType);
     if (found == table_.end()) {
@@ -459,10 +553,15 @@ void DefaultEventMgr::deliver(const BaseEvent& event) {
     }
     // The snapshot: subscribers may change the table from inside notify().
     // Such a change goes to a copy of the entry while this one is held, so
-    // the array walked here stays as it is and its clients stay alive.
+    // the clients walked here stay as they are and stay alive.
     const boost::local_shared_ptr<Subscribers> subscribers = found->second;
-    if (!subscribers->deliveryOrderCurrent) {
-      subscribers->buildDeliveryOrder();
+    if (!subscribers->deliveryOrderCurrent && !subscribers->tryBuildDeliveryOrder()) {
+      // No memory for the flat array: walk the set itself, in the same order.
+      std::size_t position = 0;
+      for (const ClientPtr& client : subscribers->clients) {
+        notifyClient(*client, event, position++);
+      }
+      continue;
     }
     ClientProxy* const* const clients = subscribers->deliveryOrder.data();
     const std::size_t count = subscribers->deliveryOrder.size();
@@ -472,14 +571,7 @@ void DefaultEventMgr::deliver(const BaseEvent& event) {
       if (position + kPrefetchAhead < count) {
         __builtin_prefetch(clients[position + kPrefetchAhead]);
       }
-      const ClientProxy& client = *clients[position];
-      try {
-        client.notify(event);
-      } catch (const Corvane::System::IUserException& failure) {
-        storePendingReport(composeFailureReport(event, static_cast<long>(position), client, &failure));
-      } catch (...) {
-        storePendingReport(composeFailureReport(event, static_cast<long>(position), client, nullptr));
-      }
+      notifyClient(*clients[position], event, position);
     }
   }
 }
@@ -539,7 +631,14 @@ void DefaultEventMgr::dispatchNext() {
   if (const BaseEvent* const delivered = event.get()) {
     deliver(*delivered);
   }
+  if (shutDownAfterDelivery_) {
+    // A subscriber let the last share go during that delivery.
+    shutDown();
+    detail::retire(this);
+  }
 }
+
+void DefaultEventMgr::shutDownAfterDelivery() noexcept { shutDownAfterDelivery_ = true; }
 
 void DefaultEventMgr::ensureDispatcherRunning() {
   if (dispatcher_ && !dispatcher_->isRunning()) {
@@ -559,13 +658,13 @@ void DefaultEventMgr::releasePendingActions(EventQueue& events) {
 
 // --- Reports ---------------------------------------------------------------------
 
-void DefaultEventMgr::storePendingReport(std::string report) {
+void DefaultEventMgr::storePendingReport(std::string report) noexcept {
   boost::mutex::scoped_lock lock(reportMutex_);
   report_ = std::move(report);
   reportPending_.store(true, std::memory_order_release);
 }
 
-void DefaultEventMgr::printPendingReport() {
+void DefaultEventMgr::printPendingReport() noexcept {
   if (!reportPending_.load(std::memory_order_acquire)) {
     return;
   }
@@ -578,7 +677,10 @@ void DefaultEventMgr::printPendingReport() {
     report.swap(report_);
     reportPending_.store(false, std::memory_order_relaxed);
   }
-  hxPrintf("%s", report.c_str());
+  try {
+    hxPrintf("%s", report.c_str());
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the host could not print it; the report is dropped.
+  }
 }
 
 // --- Synchronous requests ----------------------------------------------------------
@@ -586,7 +688,21 @@ void DefaultEventMgr::printPendingReport() {
 void DefaultEventMgr::runSynchronously(boost::function0<void> function, bool atBack,
                                        boost::shared_ptr<DefaultEventMgr> holder) {
   // One allocation for the event and its count; the function moves in.
-  const boost::shared_ptr<ActionContainerEvent> action = boost::make_shared<ActionContainerEvent>(std::move(function));
+  runAction(boost::make_shared<ActionContainerEvent>(std::move(function)), atBack, std::move(holder));
+}
+
+void DefaultEventMgr::changeSubscription(const std::string& eventType, const ClientPtr& client, bool add,
+                                         boost::shared_ptr<DefaultEventMgr> holder) {
+  // The event is made first, so that the function can report to it.
+  const boost::shared_ptr<ActionContainerEvent> action =
+      boost::make_shared<ActionContainerEvent>(boost::function0<void>());
+  action->action = ChangeSubscription{this, eventType, client, add, action->syncData.get()};
+  // Unsubscribe requests overtake the events already queued.
+  runAction(action, add, std::move(holder));
+}
+
+void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& action, bool atBack,
+                                boost::shared_ptr<DefaultEventMgr> holder) {
   if (isDispatcherThread()) {
     throw NotifyDeadlockException();
   }
@@ -617,15 +733,23 @@ void DefaultEventMgr::runSynchronously(boost::function0<void> function, bool atB
       if (!manager) {
         return;  // Shut down: the request is released without having run.
       }
-      manager->ensureDispatcherRunning();
-      manager->printPendingReport();
-      if (polls == kDeadlockReportPoll) {
-        hxPuts(kDeadlockReport);
+      try {
+        // A dispatcher that cannot be started now is tried again at the
+        // next poll: the request is queued and must not be given up.
+        manager->ensureDispatcherRunning();
+        if (polls == kDeadlockReportPoll) {
+          hxPuts(kDeadlockReport);
+        }
+      } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
       }
+      manager->printPendingReport();
       ++polls;
       try {
         manager->invokeOnceOnMainThread();
       } catch (...) {
+        // The handed-off function threw: its dispatcher stays blocked in
+        // the hand-off until shutdown, so this request cannot run before
+        // then either.
         dropUnlocked(manager);
         throw;
       }
@@ -635,6 +759,10 @@ void DefaultEventMgr::runSynchronously(boost::function0<void> function, bool atB
     // by then waits for a slow subscriber, and looking again would only burn
     // the core.
     if (action->waitDone(lock, Clock::now() + kPollInterval, polls == 1 ? kFirstPollLook : Clock::duration::zero())) {
+      // Set before the action was marked done, under the mutex held here.
+      if (action->syncData->failure) {
+        std::rethrow_exception(action->syncData->failure);
+      }
       return;
     }
   }

@@ -13,14 +13,24 @@
 //   * the mailer set of combined subscriptions.
 //   * the pending report: the latest unprinted subscriber-failure report.
 //
+// Lifetime
+//   The owner's last share does not free the manager: it shuts it down
+//   (shutDown()) and retires it. A retired manager stays allocated, inert, until
+//   the library's static data is torn down (unload, or the end of exit), so a
+//   thread that got the pointer from instance() just before the shutdown may
+//   still call it: every operation first tries to take a share through
+//   weakSelf_, finds none and does nothing. Until it is freed, nothing that
+//   such a call reads (weakSelf_, dispatcher_, the mutexes) is written.
+//
 // Locks, in the order in which they may be nested
-//   instance mutex (process-wide; creation and the whole destructor)
-//     -> queueMutex_ (the queue; released before anything else is taken)
+//   instance mutex (process-wide; creation and the whole of shutDown())
+//     -> an action's SyncData mutex (a waiting requester holds it between
+//        polls; shutDown() takes it to release queued requests)
 //     -> EventDispatcher's start/stop mutex (held across the join)
-//     -> an action's SyncData mutex.
-//   A waiting requester holds its action's SyncData mutex while it takes
-//   queueMutex_, the start/stop mutex and ToDoAdapter::toDoMutex_; it never
-//   holds it while the manager may be destroyed on its thread.
+//     -> queueMutex_ (stop() passes through it to wake the dispatcher).
+//   A waiting requester also takes ToDoAdapter::toDoMutex_ while it holds its
+//   SyncData mutex, and lets that mutex go before it drops a share of the
+//   manager, since the drop may run shutDown(), which takes the instance mutex.
 //   reportMutex_ and mailerMutex_ are leaves: nothing is taken while they are
 //   held, and mailerMutex_ is never held while waiting for the dispatcher.
 //   No lock of the manager is held while a subscriber or an action runs.
@@ -46,13 +56,21 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include "Instance.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
 
+namespace Corvane {
+namespace System {
+class IUserException;
+}  // namespace System
+}  // namespace Corvane
+
 namespace vexutil {
 namespace eventmgr {
 
+class ActionContainerEvent;
 class EventDispatcher;
 
 // The deadlock report, printed once per request that waits too long.
@@ -101,7 +119,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   struct Subscribers {
     Subscribers() = default;
     explicit Subscribers(ClientSet set) : clients(std::move(set)) {}
-    void buildDeliveryOrder();
+    // Rebuilds deliveryOrder; false, with the array empty, if memory runs out.
+    bool tryBuildDeliveryOrder() noexcept;
 
     ClientSet clients;
     std::vector<ClientProxy*> deliveryOrder;  // Owned by `clients`.
@@ -116,12 +135,22 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   };
 
   // Sets up the queue, tables and dispatcher, subscribes the dispatcher to
-  // "ActionContainerEvent" and starts the dispatcher thread.
+  // "ActionContainerEvent" and starts the dispatcher thread. If anything
+  // fails, no thread is left running and the exception passes out.
   DefaultEventMgr();
-  // Switches instance() to the no-op manager, takes the queue, stops and
-  // joins the dispatcher, releases waiting requesters without running their
-  // actions, clears the subscriptions and the mailers. Never throws.
+  // Shuts the manager down if that has not happened yet, then joins a
+  // dispatcher thread that was stopped from inside a delivery.
   ~DefaultEventMgr() override;
+
+  // Switches instance() to the no-op manager, takes the queue, stops and
+  // (unless called on the dispatcher thread) joins the dispatcher, releases
+  // waiting requesters without running their actions, clears the
+  // subscriptions and the mailers. Runs once; later calls do nothing.
+  // Takes the instance mutex. Never throws.
+  void shutDown() noexcept;
+  // Dispatcher thread: shutDown() and retire this manager once the delivery
+  // in progress has ended. Used when a subscriber lets the last share go.
+  void shutDownAfterDelivery() noexcept;
 
   using EventMgr::subscribe;
   using EventMgr::unSubscribe;
@@ -142,14 +171,17 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   // --- Dispatcher-thread operations ---------------------------------------
 
-  // Adds `client` to the set of `eventType`; a duplicate subscriber is dropped.
+  // Adds `client` to the set of `eventType`; a duplicate subscriber is
+  // dropped. Strong guarantee: if memory runs out, nothing has changed.
   void addSubscription(const std::string& eventType, const ClientPtr& client);
   // Removes the same subscriber from the set of `eventType`, if present.
+  // Strong guarantee, as addSubscription().
   void removeSubscription(const std::string& eventType, const ClientPtr& client);
   // Calls every subscriber of every type name of the event; failures become
-  // the pending report.
-  void deliver(const EventPtr& event);
-  void deliver(const BaseEvent& event);
+  // the pending report. Never throws: a report that cannot be composed for
+  // lack of memory is dropped, and delivery goes on.
+  void deliver(const EventPtr& event) noexcept;
+  void deliver(const BaseEvent& event) noexcept;
   // One cycle of the dispatcher loop: delivers at most one queued event, or
   // waits up to one second for one.
   void dispatchNext();
@@ -158,8 +190,9 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   // Starts the dispatcher thread if it exists and does not run.
   void ensureDispatcherRunning();
-  // Prints the pending report, if any, on the calling thread.
-  void printPendingReport();
+  // Prints the pending report, if any, on the calling thread. A report that
+  // the host's output fails to print is dropped.
+  void printPendingReport() noexcept;
   // True while a subscriber-failure report waits to be printed.
   bool hasPendingReport() const noexcept { return reportPending_.load(std::memory_order_acquire); }
   // True on the dispatcher thread.
@@ -189,13 +222,32 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // kBatchHold, reacting then only to urgent events.
   void spinForNewEvents();
   // Runs `function` on the dispatcher thread and waits for it, polling every
-  // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
-  // `holder`, if given, is the caller's share of the manager; it is let go
-  // once the request is queued.
+  // millisecond. Throws NotifyDeadlockException on the dispatcher thread,
+  // and std::bad_alloc if the request cannot be made (nothing is queued
+  // then). `holder`, if given, is the caller's share of the manager; it is
+  // let go once the request is queued.
   void runSynchronously(boost::function0<void> function, bool atBack,
                         boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
+  // Queues `action` and waits for it, as runSynchronously(). Rethrows what
+  // the action handed over in its SyncData::failure.
+  void runAction(const boost::shared_ptr<ActionContainerEvent>& action, bool atBack,
+                 boost::shared_ptr<DefaultEventMgr> holder);
+  // Adds (`add`) or removes the subscription of `client` to `eventType` on
+  // the dispatcher thread and waits; a failure there passes out here.
+  void changeSubscription(const std::string& eventType, const ClientPtr& client, bool add,
+                          boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
+  // The mailer of `client` made from the same two sets of names, or null.
+  // Caller holds mailerMutex_.
+  boost::shared_ptr<ProxyMailer> findMailerLocked(const ClientProxy& client, const std::set<std::string>& delayed,
+                                                  const std::set<std::string>& trigger) const;
+  // Calls client.notify(event); a failure becomes the pending report.
+  void notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept;
+  // Stores the report of a client's failure; drops it if memory runs out
+  // while it is composed.
+  void reportFailure(const BaseEvent& event, std::size_t position, const ClientProxy& client,
+                     const Corvane::System::IUserException* userException) noexcept;
   // Stores a subscriber-failure report, replacing an unprinted one.
-  void storePendingReport(std::string report);
+  void storePendingReport(std::string report) noexcept;
   // Adjusts the client-subscription count when the set of `eventType`
   // changes size.
   void countSubscriptions(const std::string& eventType, long delta);
@@ -253,6 +305,13 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   std::atomic<bool> reportPending_{false};  // Written under reportMutex_.
   std::string report_;                      // Guarded by reportMutex_.
   boost::mutex reportMutex_;
+
+  bool shutDown_ = false;                   // Guarded by the instance mutex.
+  bool shutDownAfterDelivery_ = false;      // Dispatcher thread only.
+  DefaultEventMgr* nextRetired_ = nullptr;  // The retired list; guarded by the instance mutex.
+
+  friend void detail::retire(DefaultEventMgr* manager) noexcept;
+  friend void detail::destroyRetiredManagers() noexcept;
 };
 
 }  // namespace eventmgr

@@ -60,15 +60,22 @@ void EventDispatcher::start(DefaultEventMgr* manager) {
   if (isRunning()) {
     return;
   }
+  // Everything that can fail is made before the thread starts: a thread that
+  // had started when a later step failed would wait at the barrier for good,
+  // on a dispatcher that may be gone.
   boost::shared_ptr<boost::barrier> startBarrier(new boost::barrier(2));
   boost::function0<void> threadFunction = boost::bind(&threadMain, this, startBarrier, manager);
-  boost::shared_ptr<boost::thread> previous = thread_;
-  thread_.reset(new boost::thread(threadFunction));
-  if (previous && previous->joinable()) {
+  boost::shared_ptr<boost::thread> started(new boost::thread());
+  boost::thread(threadFunction).swap(*started);  // Starts it; throws before, never after.
+  started.swap(thread_);
+  if (started && started->joinable()) {
     // The previous thread left its loop by an exception and is only
     // finishing its epilogue; joining it here means no thread of this
     // library outlives its manager unnoticed.
-    previous->join();
+    try {
+      started->join();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a join that fails leaves it detached.
+    }
   }
   startBarrier->wait();
 }
@@ -82,7 +89,22 @@ void EventDispatcher::stop(DefaultEventMgr* manager) {
   manager->wakeDispatcher();
   if (!isDispatcherThread() && thread_ && thread_->joinable()) {
     thread_->join();
+    forgetThread();
   }
+}
+
+void EventDispatcher::join() {
+  boost::mutex::scoped_lock lock(mutex_);
+  if (thread_ && thread_->joinable() && !isDispatcherThread()) {
+    thread_->join();
+    forgetThread();
+  }
+}
+
+void EventDispatcher::forgetThread() noexcept {
+  // The id of a finished thread may be given to a new one; none must be
+  // taken for this dispatcher's.
+  threadId_.store(Corvane::System::ThreadId(), std::memory_order_release);
 }
 
 void EventDispatcher::run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager) {

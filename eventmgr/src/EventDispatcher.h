@@ -50,6 +50,10 @@ class EventDispatcher {
   // run (the stop request then stays unset).
   void stop(DefaultEventMgr* manager);
 
+  // Joins a thread that was stopped from inside its own delivery, unless
+  // called on it. Does nothing when there is no such thread.
+  void join();
+
   // The thread function.
   void run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager);
 
@@ -72,6 +76,9 @@ class EventDispatcher {
   static EventDispatcher* current() noexcept;
 
  private:
+  // After a join: the thread id no longer names a thread.
+  void forgetThread() noexcept;
+
   boost::shared_ptr<boost::thread> thread_;  // Guarded by mutex_.
   std::atomic<bool> stopRequested_{false};
   std::atomic<Corvane::System::ThreadId> threadId_{Corvane::System::ThreadId()};

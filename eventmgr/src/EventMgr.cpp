@@ -4,7 +4,7 @@
 #include <atomic>
 #include <new>
 
-#include <boost/bind/bind.hpp>
+#include <boost/chrono.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "DefaultEventMgr.h"
@@ -48,27 +48,44 @@ std::atomic<EventMgr*> currentManager{nullptr};
 // Set when the default manager has been destroyed; guarded by the mutex.
 bool shutDown = false;
 
-// Destroys the manager on a thread of its own when its last owner lets go on
-// the dispatcher thread (a subscriber that releases it): the destructor joins
-// the dispatcher thread, which cannot join itself.
-struct ManagerDeleter {
-  void operator()(DefaultEventMgr* manager) const {
-    if (manager->isDispatcherThread()) {
-      boost::thread reaper(boost::bind(&ManagerDeleter::destroy, manager));
-      reaper.detach();
+// The head of the retired list (DefaultEventMgr::nextRetired_ links the
+// rest). Guarded by the instance mutex; a plain pointer, so that it is usable
+// at any time during exit.
+DefaultEventMgr* retiredManagers = nullptr;
+// The manager that has been created and not yet shut down; guarded by the
+// instance mutex.
+DefaultEventMgr* liveManager = nullptr;
+
+// The deleter of the owner's shares: shuts the manager down and retires it,
+// on whichever thread lets the last share go; on the dispatcher thread (a
+// subscriber let it go) once the delivery in progress has ended. `manager` is
+// set once the manager exists: the shares' control block is made first, so
+// that creating it cannot fail with a manager (and its thread) already
+// running.
+struct RetireManager {
+  DefaultEventMgr* manager = nullptr;
+  void operator()(const void* /*unused*/) const noexcept {
+    if (manager == nullptr) {
       return;
     }
-    destroy(manager);
+    if (manager->isDispatcherThread()) {
+      manager->shutDownAfterDelivery();
+      return;
+    }
+    manager->shutDown();
+    detail::retire(manager);
   }
-  static void destroy(DefaultEventMgr* manager) { delete manager; }
 };
 
-// Owns the default manager; letting it go at unload or exit destroys the
-// manager before any early static (the type names) is destroyed.
+// Owns the default manager; letting it go at unload or exit shuts the manager
+// down before any early static (the type names) is destroyed, and frees it.
 struct Owner {
   boost::shared_ptr<DefaultEventMgr> manager;  // Guarded by the instance mutex.
   Owner() = default;
-  ~Owner() { detail::releaseOwner(); }
+  ~Owner() {
+    detail::releaseOwner();
+    detail::destroyRetiredManagers();
+  }
   Owner(const Owner&) = delete;
   Owner& operator=(const Owner&) = delete;
 };
@@ -84,10 +101,18 @@ EventMgr* creatingInstance() {
     return dummyInstance();
   }
   if (!owner.manager) {
-    boost::shared_ptr<DefaultEventMgr> created(new DefaultEventMgr, ManagerDeleter());
-    created->setWeakSelf(created);
-    owner.manager = created;
-    currentManager.store(created.get(), std::memory_order_release);
+    // Everything that can fail comes before the manager is published; a
+    // failure leaves the instance mechanism as it was, for the next call.
+    boost::shared_ptr<void> shares(static_cast<void*>(nullptr), RetireManager());
+    RetireManager* const deleter = boost::get_deleter<RetireManager>(shares);
+    auto* const created = new DefaultEventMgr;
+    if (deleter != nullptr) {  // Always: `shares` was made with this deleter.
+      deleter->manager = created;
+    }
+    owner.manager = boost::shared_ptr<DefaultEventMgr>(shares, created);
+    created->setWeakSelf(owner.manager);
+    liveManager = created;
+    currentManager.store(created, std::memory_order_release);
   }
   return owner.manager.get();
 }
@@ -125,16 +150,51 @@ void releaseOwner() {
     // instance() stops handing the manager out before its last reference can
     // go: a requester that a shutdown releases (it sees the manager expire)
     // and that calls instance() again must get the no-op manager, never the
-    // one being destroyed.
+    // one being shut down.
     if (released) {
       detail::switchInstanceToDummy();
     }
   }
-  // The destructor takes the instance mutex itself.
+  // The shutdown takes the instance mutex itself.
   released.reset();
 }
 
+void retire(DefaultEventMgr* manager) noexcept {
+  boost::mutex::scoped_lock lock(instanceMutexStorage.get());
+  manager->nextRetired_ = retiredManagers;
+  retiredManagers = manager;
+  if (liveManager == manager) {
+    liveManager = nullptr;
+  }
+}
+
+void destroyRetiredManagers() noexcept {
+  DefaultEventMgr* retired = nullptr;
+  {
+    boost::mutex::scoped_lock lock(instanceMutexStorage.get());
+    std::swap(retired, retiredManagers);
+  }
+  while (retired != nullptr) {
+    DefaultEventMgr* const next = retired->nextRetired_;
+    delete retired;
+    retired = next;
+  }
+}
+
 void rearmInstanceForTesting() {
+  // The last share may still be on its way on another thread (a requester
+  // between two polls): wait for its shutdown, boundedly.
+  const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::seconds(60);
+  for (;;) {
+    {
+      boost::mutex::scoped_lock lock(instanceMutexStorage.get());
+      if (liveManager == nullptr || owner.manager || boost::chrono::steady_clock::now() > deadline) {
+        break;
+      }
+    }
+    boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
+  }
+  destroyRetiredManagers();
   boost::mutex::scoped_lock lock(instanceMutexStorage.get());
   shutDown = false;
   currentManager.store(nullptr, std::memory_order_release);

@@ -10,8 +10,12 @@
 //     until the default manager is destroyed, "return the no-op manager"
 //     from then on, for the rest of the process.
 //
-// The owner is let go when the library is unloaded or the process exits,
-// which destroys the manager (stopping and joining its dispatcher thread).
+// The owner is let go when the library is unloaded or the process exits.
+// Its last share shuts the manager down (stopping and joining its dispatcher
+// thread) and retires it: the memory stays allocated, and every call on it a
+// no-op, until the library's static data is torn down, so that a thread that
+// took the pointer from instance() just before the shutdown never calls into
+// freed memory.
 #ifndef VEXUTIL_EVENTMGR_SRC_INSTANCE_H
 #define VEXUTIL_EVENTMGR_SRC_INSTANCE_H
 
@@ -44,13 +48,21 @@ void ensureDefaultManagerCreated();
 bool isDefaultManagerCreated();
 
 // Lets the owner go, as unloading the library does. instance() returns the
-// no-op manager from then on. The manager is destroyed now unless another
+// no-op manager from then on. The manager is shut down now unless another
 // thread holds it for the moment (inside a publish or a poll), in which case
-// that thread destroys it when it lets go.
+// that thread shuts it down when it lets go.
 void releaseOwner();
 
-// Tests only: after releaseOwner() has destroyed the manager, makes the next
-// instance() create a new default manager, as in a freshly loaded library.
+// Adds a manager that has been shut down to the retired list. Never throws.
+void retire(DefaultEventMgr* manager) noexcept;
+
+// Frees every retired manager. Only when no thread may still call one: at
+// unload or exit, and in tests between managers.
+void destroyRetiredManagers() noexcept;
+
+// Tests only: after releaseOwner(), waits until the manager has been shut
+// down, frees it and makes the next instance() create a new default manager,
+// as in a freshly loaded library. No thread may still use the old manager.
 void rearmInstanceForTesting();
 
 }  // namespace detail

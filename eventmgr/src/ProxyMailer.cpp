@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 #include "vexutil/eventmgr/EventMgr.h"
@@ -19,11 +20,8 @@ ProxyMailer::ProxyMailer(const TypeList& delayedInputTypes, const TypeList& trig
 }
 
 ProxyMailer::~ProxyMailer() {
-  try {
-    deleteSubscriptions();
-    clearAll();
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor lets nothing out.
-  }
+  deleteSubscriptions();
+  clearAll();
 }
 
 void ProxyMailer::processInputTypes() {
@@ -46,18 +44,24 @@ void ProxyMailer::processInputTypes() {
 
 namespace {
 
-// Calls visit(name, handler) for every name of the three lists, in the order
-// in which they are subscribed and withdrawn: trigger, delayed, combined.
+using Handler = void (ProxyMailer::*)(const BaseEvent&);
+
+// Calls visit(name, handler) for the first `count` names of the three lists,
+// in the order in which they are subscribed and withdrawn: trigger, delayed,
+// combined.
 template <typename Visit>
-void forEachSubscription(const ProxyMailer& mailer, Visit visit) {
-  for (const std::string& name : mailer.getTriggerTypes()) {
-    visit(name, &ProxyMailer::triggerHandler);
-  }
-  for (const std::string& name : mailer.getDelayedTypes()) {
-    visit(name, &ProxyMailer::delayedHandler);
-  }
-  for (const std::string& name : mailer.getCombinedTypes()) {
-    visit(name, &ProxyMailer::combinedHandler);
+void forEachSubscription(const ProxyMailer& mailer, std::size_t count, Visit visit) {
+  const std::pair<const ProxyMailer::TypeList*, Handler> lists[] = {
+      {&mailer.getTriggerTypes(), &ProxyMailer::triggerHandler},
+      {&mailer.getDelayedTypes(), &ProxyMailer::delayedHandler},
+      {&mailer.getCombinedTypes(), &ProxyMailer::combinedHandler}};
+  for (const auto& list : lists) {
+    for (const std::string& name : *list.first) {
+      if (count-- == 0) {
+        return;
+      }
+      visit(name, list.second);
+    }
   }
 }
 
@@ -65,18 +69,43 @@ void forEachSubscription(const ProxyMailer& mailer, Visit visit) {
 
 // Each name waits for the dispatcher, and the manager may shut down while one
 // waits: instance() is asked again for every name, so that the names after
-// it go to the no-op manager instead of the destroyed one.
+// it go to the no-op manager instead of the shut-down one.
+//
+// If a name cannot be subscribed, the names subscribed so far, and the
+// failing one (whose request may have been carried out before the failure
+// reached this thread), are withdrawn before the exception passes on: no
+// subscription may outlive a mailer whose construction failed.
 void ProxyMailer::createSubscriptions() {
-  forEachSubscription(*this, [this](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
-    EventMgr::instance()->subscribe(name, this, handler);
-  });
+  std::size_t attempted = 0;
+  try {
+    forEachSubscription(*this, static_cast<std::size_t>(-1),
+                        [this, &attempted](const std::string& name, Handler handler) {
+                          ++attempted;
+                          EventMgr::instance()->subscribe(name, this, handler);
+                        });
+  } catch (...) {
+    withdrawSubscriptions(attempted);
+    throw;
+  }
 }
 
-// As createSubscriptions(): instance() again for every name.
-void ProxyMailer::deleteSubscriptions() {
-  forEachSubscription(*this, [this](const std::string& name, void (ProxyMailer::*handler)(const BaseEvent&)) {
-    EventMgr::instance()->unSubscribe(name, this, handler);
-  });
+void ProxyMailer::deleteSubscriptions() { withdrawSubscriptions(static_cast<std::size_t>(-1)); }
+
+// As createSubscriptions(): instance() again for every name. A subscription
+// left behind would call into freed memory, so a walk that fails (memory ran
+// out, or a function handed to this thread threw while it waited) is tried
+// again until it gets through; withdrawing a name twice is harmless.
+void ProxyMailer::withdrawSubscriptions(std::size_t count) noexcept {
+  for (;;) {
+    try {
+      forEachSubscription(*this, count, [this](const std::string& name, Handler handler) {
+        EventMgr::instance()->unSubscribe(name, this, handler);
+      });
+      return;
+    } catch (...) {
+      std::this_thread::yield();
+    }
+  }
 }
 
 void ProxyMailer::clearAll() {

@@ -20,7 +20,8 @@ std::atomic<bool> fired{false};
 
 // True when this allocation is the one that must fail.
 bool shouldFail() noexcept {
-  if (!armed.load(std::memory_order_acquire) || pthread_equal(target.load(std::memory_order_relaxed), pthread_self()) == 0) {
+  if (!armed.load(std::memory_order_acquire) ||
+      pthread_equal(target.load(std::memory_order_relaxed), pthread_self()) == 0) {
     return false;
   }
   counted.fetch_add(1, std::memory_order_relaxed);

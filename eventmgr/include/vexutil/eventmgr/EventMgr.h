@@ -48,16 +48,24 @@
 /// not finished after about one minute prints a one-time deadlock report
 /// (hxPuts) and goes on waiting.
 ///
+/// ### Out of memory
+/// An operation that runs out of memory throws std::bad_alloc and leaves the
+/// manager as it was: nothing queued, no subscription made or removed (the
+/// list forms keep what the names before the failing one did). A subscriber
+/// failure whose report cannot be composed is not reported; delivery goes on.
+///
 /// ### Thread safety
 /// Every operation may be called from any thread. The subscription operations
 /// and the synchronous publish wait for the dispatcher thread, so they must
 /// not be called from it (see Deadlocks). The pointer returned by instance()
-/// stays valid until the library is unloaded; using it after the host has let
-/// the library go is undefined.
+/// stays valid until the library's static data is torn down (unload, or the
+/// end of exit): a manager that has shut down in the meantime does nothing
+/// when called, as the no-op manager does.
 ///
-/// Locks, for those who read the implementation: the instance mutex is taken
-/// before a manager's queue mutex, which is taken before the dispatcher's
-/// start/stop mutex, which is taken before an action's completion mutex.
+/// Locks, for those who read the implementation, in the order in which they
+/// are taken: the instance mutex (creation and shutdown), an action's
+/// completion mutex (held by a waiting requester between its polls), the
+/// dispatcher's start/stop mutex, then the manager's queue mutex.
 #ifndef VEXUTIL_EVENTMGR_EVENTMGR_H
 #define VEXUTIL_EVENTMGR_EVENTMGR_H
 
@@ -94,16 +102,16 @@ class VEXUTIL_API EventMgr {
   /// The manager of the process. The first call creates the default manager
   /// and starts its dispatcher thread; concurrent first calls get the same
   /// manager. After shutdown it returns the no-op manager. Never null.
-  /// \post The pointer stays valid until the library is unloaded; the
-  ///       default manager is destroyed then. Code that may run during
-  ///       shutdown (static destructors, threads still running at exit) calls
-  ///       instance() again instead of using a pointer kept from earlier:
-  ///       from the moment shutdown begins it returns the no-op manager, also
-  ///       to a requester that the shutdown has just released.
+  /// \post The pointer stays valid until the library's static data is torn
+  ///       down (unload, or the end of exit). Once the default manager has
+  ///       shut down, calls through a pointer kept from earlier do nothing,
+  ///       and instance() returns the no-op manager, also to a requester
+  ///       that the shutdown has just released.
   /// \par Thread
   /// Any thread, the dispatcher thread included. Throws what creating the
   /// manager throws (std::bad_alloc, or boost::thread_resource_error when its
-  /// thread cannot be started); the next call tries again.
+  /// thread cannot be started), leaving no thread behind; the next call
+  /// tries again.
   static EventMgr* instance();
 
   /// Publishes a copy of `event` (made with clone()). Asynchronous (false):
@@ -207,8 +215,14 @@ class VEXUTIL_API EventMgr {
   /// in progress. Removing what was never subscribed is a no-op.
   /// \pre `client` need only have the same identities as the subscribed one;
   ///      it may be a new proxy.
-  /// \post After it returns, the subscribed object may be destroyed as far as
-  ///       this type name is concerned. Never throws NotifyDeadlockException.
+  /// \post From another thread: once it returns, the subscribed object may
+  ///       be destroyed as far as this type name is concerned. On the
+  ///       dispatcher thread (inside a subscriber): the delivery in progress
+  ///       works on a snapshot of the subscribers and still calls the client
+  ///       if it comes later in that delivery, so the object may be destroyed
+  ///       only after that delivery has ended (from a later event, or from
+  ///       another thread). Never throws NotifyDeadlockException; throws
+  ///       std::bad_alloc, with nothing removed, if memory runs out.
   /// \par Thread
   /// Any thread, the dispatcher thread included. From other threads it waits
   /// for the dispatcher.

@@ -33,6 +33,7 @@
 #ifndef VEXUTIL_EVENTMGR_PROXYMAILER_H
 #define VEXUTIL_EVENTMGR_PROXYMAILER_H
 
+#include <cstddef>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,8 +58,9 @@ class VEXUTIL_API ProxyMailer {
   /// that stores events and drops them at each trigger without handing
   /// anything over (the default manager never builds one: its two-list
   /// subscribe ignores a null client). Exceptions of the manager's subscribe
-  /// (NotifyDeadlockException on the dispatcher thread) pass out;
-  /// subscriptions already made then stay registered.
+  /// (NotifyDeadlockException on the dispatcher thread, std::bad_alloc) pass
+  /// out after the subscriptions already made have been withdrawn: a mailer
+  /// whose construction failed leaves nothing behind.
   /// \post Every listed name is subscribed when the constructor returns; the
   ///       mailer must stay alive (at this address) until it is destroyed,
   ///       since the subscriptions point at it. Each name is subscribed
@@ -73,8 +75,10 @@ class VEXUTIL_API ProxyMailer {
 
   /// Withdraws the subscriptions and drops the stored events; never throws.
   /// Like the constructor, it asks EventMgr::instance() afresh for every
-  /// name, so a shutdown while it waits is harmless.
-  /// \post No handler of this mailer runs after the destructor returns.
+  /// name, so a shutdown while it waits is harmless. A withdrawal that fails
+  /// (out of memory) is tried again until it gets through.
+  /// \post No handler of this mailer runs after the destructor returns, and
+  ///       the manager holds no subscription of it.
   /// \par Thread
   /// Any thread but the dispatcher thread, as the overview says; it waits
   /// for the dispatcher once per name.
@@ -152,6 +156,9 @@ class VEXUTIL_API ProxyMailer {
   void processInputTypes();
   void createSubscriptions();
   void deleteSubscriptions();
+  // Withdraws the first `count` names, in subscription order; retried until
+  // it gets through.
+  void withdrawSubscriptions(std::size_t count) noexcept;
 
   boost::shared_ptr<ClientProxy> client_;
   std::set<std::string> delayedInputTypes_;
