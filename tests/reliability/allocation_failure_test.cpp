@@ -8,7 +8,6 @@
 // behind; LeakSanitizer (AddressSanitizer build) finds no leak at exit. Every
 // call runs on a caller thread that the test waits for at most kPatience. Each
 // operation is a test of its own, so each runs in a process of its own.
-#include <dirent.h>
 #include <pthread.h>
 
 #include <array>
@@ -16,8 +15,10 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <ostream>
@@ -58,7 +59,7 @@ struct Armer {
 std::atomic<long> liveContexts{0};
 struct Context : ContextBase {
   Context() { ++liveContexts; }
-  Context(const Context& /*other*/) : ContextBase() { ++liveContexts; }
+  Context(const Context& /*other*/) : ContextBase() { ++liveContexts; }  // NOLINT(readability-redundant-member-init)
   ~Context() override { --liveContexts; }
   void save() override { saved = std::make_unique<int>(1); }
   void restore() override { restored = std::make_unique<int>(saved ? *saved : 0); }
@@ -86,15 +87,11 @@ std::size_t setPrefix(const ContextRegistry::ContextVector& set, std::unique_ptr
 }
 
 std::size_t taskCount() {  // Threads of the process.
-  std::size_t count = 0;
-  if (DIR* const tasks = opendir("/proc/self/task")) {
-    while (const dirent* entry = readdir(tasks)) {
-      count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    closedir(tasks);
-  }
-  return count;
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
+
+EventMgr& manager() { return *EventMgr::instance(); }
 
 struct Abandon {};  // Thrown once a caller had to be rescued: the case has failed and stops.
 
@@ -115,7 +112,6 @@ struct World {
   int payload = 0;
   unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
 
-  static EventMgr& manager() { return *EventMgr::instance(); }
   int next() { return ++payload; }
   // Runs `job` on a caller thread of its own and waits for it, at most kPatience.
   void call(const std::function<void()>& job) {
@@ -180,12 +176,12 @@ struct Operation {
   std::function<void(World&, bool threw)> verify;
 };
 
-void subscribeName(World& w) { w.manager().subscribe("A", w.client); }
-void subscribeList(World& w) { w.manager().subscribe(kList, w.client); }
-void subscribeCombined(World& w) { w.manager().subscribe(kDelayed, kTrigger, w.client); }
-void unSubscribeName(World& w) { w.manager().unSubscribe("A", w.client); }
-void unSubscribeList(World& w) { w.manager().unSubscribe(kList, w.client); }
-void unSubscribeCombined(World& w) { w.manager().unSubscribe(kDelayed, kTrigger, w.client); }
+void subscribeName(World& w) { manager().subscribe("A", w.client); }
+void subscribeList(World& w) { manager().subscribe(kList, w.client); }
+void subscribeCombined(World& w) { manager().subscribe(kDelayed, kTrigger, w.client); }
+void unSubscribeName(World& w) { manager().unSubscribe("A", w.client); }
+void unSubscribeList(World& w) { manager().unSubscribe(kList, w.client); }
+void unSubscribeCombined(World& w) { manager().unSubscribe(kDelayed, kTrigger, w.client); }
 void undo(World& w, void (*step)(World&)) {
   w.call([&] { step(w); });
 }
@@ -202,6 +198,12 @@ Step withClient(void (*step)(World&) = nullptr) {
 bool subscriptionsAdded(World& w, unsigned added) {
   EXPECT_EQ(w.subscriptions(), w.baseline + added);
   return w.subscriptions() == w.baseline + added;
+}
+void expectName(World& w, bool inForce) {
+  if (subscriptionsAdded(w, inForce ? 1 : 0)) {
+    EXPECT_EQ(w.deliveredTo(w.target, "A"), inForce ? 1 : 0);
+  }
+  undo(w, unSubscribeName);
 }
 void expectCombined(World& w, bool inForce) {
   if (subscriptionsAdded(w, inForce ? 3 : 0)) {
@@ -225,21 +227,27 @@ std::size_t listRun(World& w, bool reached) {
   return run;
 }
 Operation publishing(const char* name, bool synchronous) {
-  return {name, synchronous, false,
+  return {name,
+          synchronous,
+          false,
           [](World& w) {
-            w.call([&] { w.manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
+            w.call([&] { manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
             w.outgoing = std::make_unique<NamedEvent>("Pub", w.next());
           },
-          [synchronous](World& w) { w.manager().publish(*w.outgoing, synchronous); },
+          [synchronous](World& w) { manager().publish(*w.outgoing, synchronous); },
           [](World& w, bool threw) {
             w.call([] { drainQueue(); });
             EXPECT_EQ(w.sink.count(w.outgoing->payload()), threw ? 0 : 1);
             EXPECT_EQ(w.other.count(w.outgoing->payload()), threw ? 0 : 1);
-            w.call([&] { w.manager().unSubscribe("Pub", w.other.proxy()); });
+            w.call([&] { manager().unSubscribe("Pub", w.other.proxy()); });
           }};
 }
 Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
-  return {name, false, false, [](World&) {}, [make](World& w) { w.made.reset(make(w.original)); },
+  return {name,
+          false,
+          false,
+          [](World&) {},
+          [make](World& w) { w.made.reset(make(w.original)); },
           [](World& w, bool threw) {
             ASSERT_EQ(w.made == nullptr, threw);
             if (w.made) {
@@ -263,12 +271,7 @@ const std::vector<Operation>& operations() {
       publishing("publish(async)", false),
       publishing("publish(sync)", true),
       {"subscribe(name)", true, false, withClient(), subscribeName,
-       [](World& w, bool threw) {
-         if (subscriptionsAdded(w, threw ? 0 : 1)) {
-           EXPECT_EQ(w.deliveredTo(w.target, "A"), threw ? 0 : 1);
-         }
-         undo(w, unSubscribeName);
-       }},
+       [](World& w, bool threw) { expectName(w, !threw); }},
       {"subscribe(list)", true, false, withClient(), subscribeList,
        [](World& w, bool threw) { EXPECT_EQ(listRun(w, true) == kList.size(), !threw); }},
       {"subscribe(combined)", true, false, withClient(), subscribeCombined,
@@ -277,18 +280,18 @@ const std::vector<Operation>& operations() {
       {"subscribe(combined, again)", true, false, withClient(subscribeCombined), subscribeCombined,
        [](World& w, bool /*threw*/) { expectCombined(w, true); }},
       {"unSubscribe(name)", true, false, withClient(subscribeName), unSubscribeName,
-       [](World& w, bool threw) {
-         if (subscriptionsAdded(w, threw ? 1 : 0)) {
-           EXPECT_EQ(w.deliveredTo(w.target, "A"), threw ? 1 : 0);
-         }
-         undo(w, unSubscribeName);
-       }},
+       [](World& w, bool threw) { expectName(w, threw); }},
       {"unSubscribe(list)", true, false, withClient(subscribeList), unSubscribeList,
        [](World& w, bool threw) { EXPECT_EQ(listRun(w, false) == kList.size(), !threw); }},
       {"unSubscribe(combined)", true, false, withClient(subscribeCombined), unSubscribeCombined,
        [](World& w, bool threw) { expectCombined(w, threw); }},
       {"instance() making the manager", false, true,
-       [](World& w) { w.call([] { shutDownManager(); restartManager(); }); },
+       [](World& w) {
+         w.call([] {
+           shutDownManager();
+           restartManager();
+         });
+       },
        [](World& /*w*/) { EventMgr::instance(); },
        [](World& w, bool /*threw*/) {
          bool working = false;  // After a failure, the next call tries again.
@@ -339,7 +342,9 @@ const std::vector<Operation>& operations() {
 struct Case {
   const Operation* operation;
   bool onDispatcher;
-  std::string label() const { return std::string(operation->name) + (onDispatcher ? " on the dispatcher" : " on the caller"); }
+  std::string label() const {
+    return std::string(operation->name) + (onDispatcher ? " on the dispatcher" : " on the caller");
+  }
 };
 void PrintTo(const Case& c, std::ostream* out) { *out << c.label(); }
 
@@ -401,7 +406,7 @@ TEST_P(AllocationFailure, EveryFailureThrowsOrIsAbsorbedAndLosesNothing) {
       armAt = n;
       w.call([&] {
         if (c.onDispatcher) {
-          w.manager().publish(NamedEvent("Arm", w.next()), true);
+          manager().publish(NamedEvent("Arm", w.next()), true);
         } else {
           failNthAllocation(pthread_self(), n);
         }
@@ -435,13 +440,13 @@ TEST_P(AllocationFailure, EveryFailureThrowsOrIsAbsorbedAndLosesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Operations, AllocationFailure, ::testing::ValuesIn(cases()),
                          [](const ::testing::TestParamInfo<Case>& param) {
-                           std::string name;
+                           std::string name;  // Every label starts and ends with a letter.
                            for (const char ch : param.param.label()) {
                              if (std::isalnum(static_cast<unsigned char>(ch)) != 0) {
                                name += ch;
-                             } else if (!name.empty() && name.back() != '_') {
+                             } else if (name.back() != '_') {
                                name += '_';
                              }
                            }
-                           return name.back() == '_' ? name.substr(0, name.size() - 1) : name;
+                           return name;
                          });
