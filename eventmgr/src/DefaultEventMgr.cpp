@@ -380,7 +380,7 @@ boost::shared_ptr<ProxyMailer> DefaultEventMgr::findMailerLocked(const ClientPro
       return mailer;
     }
   }
-  return boost::shared_ptr<ProxyMailer>();
+  return {};
 }
 
 void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr& client) {
