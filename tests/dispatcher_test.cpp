@@ -61,7 +61,7 @@ TEST(EventDispatcher, UnsubscribeOvertakesQueuedEvents) {
 // it can be composed.
 struct UndescribableEvent : TestEvent {
   UndescribableEvent* clone() const override { return new UndescribableEvent(*this); }
-  std::ostream& writeDescription(std::ostream&) const override { throw std::runtime_error("no description"); }
+  std::ostream& writeDescription(std::ostream& /*out*/) const override { throw std::runtime_error("no description"); }
 };
 
 // A report that cannot be composed is dropped: delivery goes on to the next client, and the thread stays.

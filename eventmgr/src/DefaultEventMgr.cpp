@@ -168,9 +168,7 @@ void DefaultEventMgr::shutDown() noexcept {
       dispatcher_->stop(this);
     }
     releasePendingActions(pending);
-    // Swapped out rather than cleared: the table's buckets go too. A delivery
-    // in progress on this thread (a subscriber let the last share go) keeps
-    // its own share of the entry it walks.
+    // Swapped out rather than cleared, so that the buckets go too.
     decltype(table_)().swap(table_);
     subscriptionCount_.store(0, std::memory_order_relaxed);
     std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers;
@@ -380,7 +378,7 @@ boost::shared_ptr<ProxyMailer> DefaultEventMgr::findMailerLocked(const ClientPro
       return mailer;
     }
   }
-  return boost::shared_ptr<ProxyMailer>();
+  return {};
 }
 
 void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr& client) {
@@ -541,7 +539,8 @@ void DefaultEventMgr::reportFailure(const BaseEvent& event, std::size_t position
                                     const Corvane::System::IUserException* userException) noexcept {
   try {
     storePendingReport(composeFailureReport(event, static_cast<long>(position), client, userException));
-  } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for the report; delivery goes on without it.
+  } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory, or the event could not describe
+    // itself: the report is dropped and delivery goes on.
   }
 }
 

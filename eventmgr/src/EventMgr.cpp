@@ -104,7 +104,7 @@ EventMgr* creatingInstance() {
     // Everything that can fail comes before the manager is published; a
     // failure leaves the instance mechanism as it was, for the next call.
     boost::shared_ptr<void> shares(static_cast<void*>(nullptr), RetireManager());
-    RetireManager* const deleter = boost::get_deleter<RetireManager>(shares);
+    auto* const deleter = boost::get_deleter<RetireManager>(shares);
     auto* const created = new DefaultEventMgr;
     if (deleter != nullptr) {  // Always: `shares` was made with this deleter.
       deleter->manager = created;

@@ -163,6 +163,7 @@ TEST(FaultPaths, PointerTakenBeforeShutdownStaysSafe) {
 TEST(FaultPaths, ShutdownRacingPublishersIsSafe) {
   Counter published;
   std::vector<std::thread> publishers;
+  publishers.reserve(2);
   for (int i = 0; i < 2; ++i) {
     publishers.emplace_back([&published] {
       for (int round = 0; round < 20000; ++round) {
