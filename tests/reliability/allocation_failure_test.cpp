@@ -257,12 +257,15 @@ Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRe
             w.made.reset();
           }};
 }
-// The contexts made before a failure stay in the sets and none is lost; the sets then go back.
+// The contexts made before a failure stay in the sets and none is lost. All then go back, and the sets give up
+// their storage, which the next attempt allocates afresh.
 void expectContexts(World& w, std::size_t made, bool threw) {
   EXPECT_EQ(liveContexts.load(), static_cast<long>(w.set.size() + w.copies.size()));
   EXPECT_EQ(made < registry().getFactoryCount(), threw);
   registry().destroy(w.copies);
   registry().destroy(w.set);
+  w.copies = ContextRegistry::ContextVector();
+  w.set = ContextRegistry::ContextVector();
 }
 void makeSet(World& w) { registry().create(w.set); }
 
