@@ -143,3 +143,45 @@ TEST(ManagerShutdown, ReleaseFromInsideASubscriber) {
   ASSERT_TRUE(eventually([] { return !isDefaultManagerCreated(); }));
   EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
 }
+
+// A caller that took the manager's pointer just before the shutdown finds every call a harmless no-op.
+TEST(ManagerShutdown, PointerTakenBeforeShutdownStaysSafe) {
+  EventMgr* const taken = EventMgr::instance();
+  Recorder recorder;
+  taken->subscribe("TestEvent", clientFor(recorder));
+  // The interleaving that freed the manager under the caller: instance() has
+  // returned, then the owner lets go, then the caller calls.
+  shutDownManager();
+  ASSERT_NE(EventMgr::instance(), taken);
+  taken->publish(TestEvent(1), false);
+  taken->publish(TestEvent(2), true);
+  taken->subscribe("TestEvent", clientFor(recorder));
+  taken->subscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
+  taken->unSubscribe("TestEvent", clientFor(recorder));
+  taken->unSubscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
+  EXPECT_EQ(taken->getSubscriptionCount(), 0U);
+  EXPECT_EQ(taken->getPendingEventCount(), 0U);
+  EXPECT_FALSE(taken->isDispatchOrMainThread());
+  EXPECT_EQ(recorder.count(), 0U);
+}
+
+// Publishers that keep calling through instance() while the owner lets go never touch freed memory.
+TEST(ManagerShutdown, ShutdownRacingPublishersIsSafe) {
+  Counter published;
+  std::vector<std::thread> publishers;
+  publishers.reserve(2);
+  for (int i = 0; i < 2; ++i) {
+    publishers.emplace_back([&published] {
+      for (int round = 0; round < 20000; ++round) {
+        EventMgr::instance()->publish(TestEvent(round), round % 100 == 0);
+        published.add();
+      }
+    });
+  }
+  ASSERT_TRUE(published.waitFor(200));  // Both are well under way.
+  shutDownManager();
+  for (std::thread& publisher : publishers) {
+    publisher.join();
+  }
+  EXPECT_EQ(published.value(), 40000U);
+}

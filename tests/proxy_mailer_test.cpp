@@ -73,6 +73,31 @@ TEST(CombinedSubscription, OneMailerPerListsAndSubscriber) {
   EXPECT_EQ(defaultManager().getMailerCount(), 1U);
 }
 
+// Subscribing an equal combined subscription again makes no second mailer, even for a moment.
+TEST(CombinedSubscription, EqualCombinedSubscriptionIsFoundBeforeAnythingIsSubscribed) {
+  EventMgr& manager = *EventMgr::instance();
+  Recorder recorder;
+  const Names delayed{"Edit"};
+  const Names triggers{"Commit"};
+  manager.subscribe(delayed, triggers, clientFor(recorder));
+  manager.publish(NamedEvent("Edit", 1), false);
+  {
+    // With the dispatcher held, a subscribe that queued anything could not return.
+    DispatcherHold hold;
+    Gate returned;
+    std::thread again([&] {
+      manager.subscribe(Names{"Edit", "Edit"}, triggers, clientFor(recorder));
+      returned.open();
+    });
+    EXPECT_TRUE(returned.wait());
+    EXPECT_EQ(manager.getPendingEventCount(), 0U);
+    again.join();
+  }
+  manager.publish(NamedEvent("Commit", 2), true);
+  EXPECT_EQ(recorder.labels(), std::vector<std::string>{"Edit1"});
+  manager.unSubscribe(delayed, triggers, clientFor(recorder));
+}
+
 // Shutdown drops held-back events undelivered; a mailer built against the no-op manager is harmless.
 TEST(CombinedSubscription, ShutdownDropsStoredEvents) {
   EventMgr& manager = *EventMgr::instance();
