@@ -68,6 +68,9 @@ constexpr auto kPollInterval = boost::chrono::milliseconds(1);
 // sleeps; as long as the dispatcher's idle spin, which serves it meanwhile.
 constexpr Clock::duration kFirstPollLook = kIdleSpin;
 
+// See DefaultEventMgr::setSpinningForTesting.
+std::atomic<bool> spinningEnabled{true};
+
 std::string composeFailureReport(const BaseEvent& event, long position, const ClientProxy& client,
                                  const Corvane::System::IUserException* userException) {
   std::ostringstream report;
@@ -511,12 +514,16 @@ void DefaultEventMgr::spinForNewEvents() {
   }
 }
 
+void DefaultEventMgr::setSpinningForTesting(bool enabled) noexcept {
+  spinningEnabled.store(enabled, std::memory_order_relaxed);
+}
+
 void DefaultEventMgr::dispatchNext() {
   // With nothing left behind the last event, the dispatcher waits for a
   // publisher's hint before it takes the mutex: a dispatcher that is ahead of
   // its publishers then neither takes the mutex just to find the queue empty
   // nor takes it while a publisher is still inside.
-  if (!backlogged_) {
+  if (!backlogged_ && spinningEnabled.load(std::memory_order_relaxed)) {
     spinForNewEvents();
   }
   QueuedEvent event;

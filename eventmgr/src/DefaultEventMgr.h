@@ -176,6 +176,13 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   boost::shared_ptr<EventDispatcher> getDispatcher() const { return dispatcher_; }
   std::size_t getMailerCount() const;
 
+  // Benchmarks and tests only, never set by the product: with false, every
+  // dispatcher of the process blocks as soon as it finds the queue empty,
+  // without the hold after a delivery and without the idle spin, so that
+  // their cost can be measured against a dispatcher that has neither. Read
+  // by the dispatcher at every cycle; true unless changed.
+  static void setSpinningForTesting(bool enabled) noexcept;
+
  private:
   // Queues `event` at the back (true) or the front (false) and wakes the
   // dispatcher. `urgent` exempts it from the batching hold (see
