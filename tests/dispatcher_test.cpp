@@ -85,7 +85,7 @@ TEST(EventDispatcher, ThreadEndedByExceptionIsReplacedAtNextPublish) {
 // Every event is delivered once, and each thread's in its order, whether the dispatcher spins between
 // events or blocks: events that each find it idle (the next is published once the last has arrived),
 // a burst from two threads at once, and synchronous round trips. Run with the spin switched off, then
-// as shipped, where the idle events use up the spin's credit and the burst and round trips earn it back.
+// as shipped, where the idle events stop the spin and the burst and the round trips start it again.
 TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
   struct SpinningRestorer {
     ~SpinningRestorer() { DefaultEventMgr::setSpinningForTesting(true); }
@@ -147,7 +147,6 @@ TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
     EXPECT_EQ(payloads[payloads.size() - kRoundTrips], 300000);
   }
 }
-
 
 // After shutdown instance() is a no-op manager for good: every call does nothing, counts are 0.
 TEST(ManagerShutdown, InstanceBecomesNoOpManager) {

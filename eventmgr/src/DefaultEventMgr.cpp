@@ -38,7 +38,7 @@ namespace {
 using Clock = boost::chrono::steady_clock;
 
 // How long an idle dispatcher keeps looking at the queue before it blocks,
-// when it looks at all (see kSpinCreditMax). A stream whose events follow
+// when it looks at all (see kBridgedInARowToSpin). A stream whose events follow
 // one another this closely costs no wake-up per event. The spin only pays
 // where the gap it bridges is short: beyond a few microseconds it costs the
 // dispatcher more CPU than the sleep and wake-up it saves, so the window is
@@ -46,17 +46,18 @@ using Clock = boost::chrono::steady_clock;
 constexpr auto kIdleSpin = boost::chrono::microseconds(10);
 
 // Whether the dispatcher spins at all is decided by what its recent idle
-// periods would have gained, as an adaptive mutex decides: every idle period
-// that ended within the window that a spin covers (the hold, then kIdleSpin)
-// earns a credit, up to this many; every one that did not costs one. The
-// dispatcher spins while it has credit and otherwise blocks at once. A dense
-// stream or a run of requests keeps the credit up and with it the spin; a
-// sparse or paced stream, whose events a spin would never catch, uses it up
-// after this many idle periods and from then on costs a wake-up per event,
-// nothing more. An idle period that the dispatcher spends blocked is judged
-// by the moment a publisher found it waiting, so that the slowness of the
-// wake-up itself does not count against the stream.
-constexpr unsigned kSpinCreditMax = 4;
+// periods would have gained, much as an adaptive mutex decides: it spins
+// once this many idle periods in a row have ended within the window that a
+// spin covers (the hold, then kIdleSpin), and stops at the first one that
+// does not; otherwise it blocks at once. A dense stream or a run of requests
+// keeps the spin; a sparse or paced stream, whose events a spin would not
+// catch, costs one wasted spin at most and from then on a wake-up per event,
+// nothing more. Two in a row, so that a pair of events published together,
+// or a stream whose gaps only now and then fall short, does not buy spins
+// that the next gaps would waste. An idle period that the dispatcher spends
+// blocked is judged by the moment a publisher found it waiting, so that the
+// slowness of the wake-up itself does not count against the stream.
+constexpr unsigned kBridgedInARowToSpin = 2;
 
 // How long a dispatcher that has just delivered the last queued event holds
 // back, when it spins, before it takes the next asynchronous one. A
@@ -539,12 +540,8 @@ bool DefaultEventMgr::spinForNewEvents(Clock::time_point spinStart) {
   return true;
 }
 
-void DefaultEventMgr::creditIdlePeriod(bool bridged) noexcept {
-  if (bridged) {
-    spinCredit_ = (std::min)(spinCredit_ + 1, kSpinCreditMax);
-  } else if (spinCredit_ > 0) {
-    --spinCredit_;
-  }
+void DefaultEventMgr::judgeIdlePeriod(bool bridged) noexcept {
+  bridgedInARow_ = bridged ? (std::min)(bridgedInARow_ + 1, kBridgedInARowToSpin) : 0;
 }
 
 void DefaultEventMgr::setSpinningForTesting(bool enabled) noexcept {
@@ -552,17 +549,17 @@ void DefaultEventMgr::setSpinningForTesting(bool enabled) noexcept {
 }
 
 void DefaultEventMgr::dispatchNext() {
-  // With nothing left behind the last event, a dispatcher that has spin
-  // credit waits for a publisher's hint before it takes the mutex: a
+  // With nothing left behind the last event, a dispatcher whose recent idle
+  // periods were short waits for a publisher's hint before it takes the mutex: a
   // dispatcher that is ahead of its publishers then neither takes the mutex
   // just to find the queue empty nor takes it while a publisher is still
-  // inside. Without credit it goes straight to the queue and blocks there.
+  // inside. Otherwise it goes straight to the queue and blocks there.
   // Each idle period is judged once: by the spin, or by the wait that
   // follows a look without a spin; the cycle after a wake-up judges nothing.
   bool judged = backlogged_ || woken_;
   woken_ = false;
-  if (!judged && spinCredit_ > 0 && spinningEnabled.load(std::memory_order_relaxed)) {
-    creditIdlePeriod(spinForNewEvents(Clock::now()));
+  if (!judged && bridgedInARow_ >= kBridgedInARowToSpin && spinningEnabled.load(std::memory_order_relaxed)) {
+    judgeIdlePeriod(spinForNewEvents(Clock::now()));
     judged = true;
   }
   QueuedEvent event;
@@ -581,7 +578,7 @@ void DefaultEventMgr::dispatchNext() {
           // A publisher found the dispatcher waiting and took the time.
           woken_ = true;
           if (!judged) {
-            creditIdlePeriod(wakeRequested_ - idleStart < window);
+            judgeIdlePeriod(wakeRequested_ - idleStart < window);
           }
         }
         wakeRequested_ = Clock::time_point();
@@ -589,7 +586,7 @@ void DefaultEventMgr::dispatchNext() {
       return;  // An event that arrived meanwhile is taken by the next cycle.
     }
     if (!judged) {
-      creditIdlePeriod(true);  // It arrived while the last one was delivered.
+      judgeIdlePeriod(true);  // It arrived while the last one was delivered.
     }
     event = std::move(queue_.front());
     queue_.pop_front();

@@ -200,8 +200,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // that much later. True when a new event was hinted at.
   bool spinForNewEvents(Clock::time_point spinStart);
   // Dispatcher thread: counts an idle period that a spin would (true) or
-  // would not (false) have bridged towards spinCredit_.
-  void creditIdlePeriod(bool bridged) noexcept;
+  // would not (false) have bridged in bridgedInARow_.
+  void judgeIdlePeriod(bool bridged) noexcept;
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread.
   // `holder`, if given, is the caller's share of the manager; it is let go
@@ -240,13 +240,13 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // Dispatcher thread only: the enqueueSequence_ value up to which it has
   // seen the queue, whether events were left behind the last one taken,
   // whether the last cycle delivered one (rather than waited), whether it
-  // was woken by a publisher, and the credit of its idle spin (see
-  // kSpinCreditMax).
+  // was woken by a publisher, and how many idle periods in a row a spin
+  // would have bridged (see kBridgedInARowToSpin).
   alignas(kCacheLine) std::uint64_t seenSequence_ = 0;
   bool backlogged_ = false;
   bool delivering_ = false;
   bool woken_ = false;
-  unsigned spinCredit_ = 0;
+  unsigned bridgedInARow_ = 0;
   EventQueue queue_;  // Guarded by queueMutex_.
   // A publisher's enqueueSequence_ value, stored after it let queueMutex_
   // go: a value beyond seenSequence_ tells the spinning dispatcher that the
