@@ -38,11 +38,11 @@ namespace {
 using Clock = boost::chrono::steady_clock;
 
 // How long an idle dispatcher keeps looking at the queue before it blocks,
-// when it looks at all (see kBridgedInARowToSpin). A stream whose events follow
-// one another this closely costs no wake-up per event. The spin only pays
-// where the gap it bridges is short: beyond a few microseconds it costs the
-// dispatcher more CPU than the sleep and wake-up it saves, so the window is
-// kept short and a stream with wider gaps is left to the wait.
+// when it looks at all (see kBridgedInARowToSpin). A stream whose events
+// follow one another this closely costs no wake-up per event. The spin only
+// pays where the gap it bridges is short: beyond a few microseconds it costs
+// the dispatcher more CPU than the sleep and wake-up it saves, so the window
+// is kept short and a stream with wider gaps is left to the wait.
 constexpr auto kIdleSpin = boost::chrono::microseconds(10);
 
 // Whether the dispatcher spins at all is decided by what its recent idle
@@ -64,9 +64,10 @@ constexpr unsigned kBridgedInARowToSpin = 2;
 // publisher on another core that posts a stream of events then finds the
 // queue mutex in its own cache for several events in a row, instead of
 // fetching it back from the dispatcher for every one; the dispatcher takes
-// the run that built up one event per lock. Without the hold, each event moves the mutex's cache line
-// between the cores twice, and on two cores that doubled the cost of a
-// stream. Requests that a thread waits for are taken at once.
+// the run that built up one event per lock. Without the hold, each event
+// moves the mutex's cache line between the cores twice, and on two cores
+// that doubled the cost of a stream. Requests that a thread waits for are
+// taken at once.
 constexpr auto kBatchHold = boost::chrono::microseconds(5);
 // The longest idle wait; a stop whose notification was missed is seen then.
 constexpr auto kIdleWait = std::chrono::seconds(1);
