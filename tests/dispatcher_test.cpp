@@ -95,6 +95,71 @@ TEST(EventDispatcher, EndedThreadIsReplacedAtNextPublish) {
   ASSERT_EQ(recorder.count(), 1U);
   EXPECT_EQ(recorder.deliveries().front().thread, dispatcher->getThreadId());
 }
+// Every event is delivered once, and each thread's in its order, whether the dispatcher spins between
+// events or blocks: events that each find it idle (the next is published once the last has arrived),
+// a burst from two threads at once, and synchronous round trips. Run with the spin switched off, then
+// as shipped, where the idle events stop the spin and the burst and the round trips start it again.
+TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
+  struct SpinningRestorer {
+    ~SpinningRestorer() { DefaultEventMgr::setSpinningForTesting(true); }
+  } restorer;
+  constexpr int kIdleEvents = 40;
+  constexpr int kBurstEvents = 2000;  // Per thread.
+  constexpr int kRoundTrips = 40;
+  EventMgr& manager = *EventMgr::instance();
+  for (const bool spinning : {false, true}) {
+    SCOPED_TRACE(spinning ? "spinning" : "blocking");
+    DefaultEventMgr::setSpinningForTesting(spinning);
+    Recorder recorder;
+    manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
+    std::size_t expected = 0;
+    for (int i = 0; i < kIdleEvents; ++i) {
+      manager.publish(TestEvent(i), false);
+      ASSERT_TRUE(recorder.waitFor(++expected));
+    }
+    Gate start;
+    const auto burst = [&](int base) {
+      ASSERT_TRUE(start.wait());
+      for (int i = 0; i < kBurstEvents; ++i) {
+        manager.publish(TestEvent(base + i), false);
+      }
+    };
+    std::thread first(burst, 100000);
+    std::thread second(burst, 200000);
+    start.open();
+    first.join();
+    second.join();
+    expected += 2 * kBurstEvents;
+    ASSERT_TRUE(recorder.waitFor(expected));
+    for (int i = 0; i < kRoundTrips; ++i) {
+      manager.publish(TestEvent(300000 + i), true);
+      EXPECT_EQ(recorder.count(), ++expected);
+    }
+    manager.unSubscribe("TestEvent", &recorder, &Recorder::onTest);
+    const std::vector<int> payloads = recorder.payloads();
+    ASSERT_EQ(payloads.size(), expected);
+    // Payloads tell their origin: idle events, each burst, round trips.
+    std::vector<int> byOrigin[4];
+    for (const int payload : payloads) {
+      ASSERT_LT(payload / 100000, 4);
+      byOrigin[payload / 100000].push_back(payload % 100000);
+    }
+    const auto upTo = [](int count) {
+      std::vector<int> sequence;
+      for (int i = 0; i < count; ++i) {
+        sequence.push_back(i);
+      }
+      return sequence;
+    };
+    EXPECT_EQ(byOrigin[0], upTo(kIdleEvents));
+    EXPECT_EQ(byOrigin[1], upTo(kBurstEvents));
+    EXPECT_EQ(byOrigin[2], upTo(kBurstEvents));
+    EXPECT_EQ(byOrigin[3], upTo(kRoundTrips));
+    // The idle events came first, the round trips last.
+    EXPECT_EQ(std::vector<int>(payloads.begin(), payloads.begin() + kIdleEvents), upTo(kIdleEvents));
+    EXPECT_EQ(payloads[payloads.size() - kRoundTrips], 300000);
+  }
+}
 
 // After shutdown instance() is a no-op manager for good: every call does nothing, counts are 0.
 TEST(ManagerShutdown, InstanceBecomesNoOpManager) {

@@ -37,19 +37,37 @@ namespace {
 
 using Clock = boost::chrono::steady_clock;
 
-// How long an idle dispatcher keeps looking at the queue before it blocks.
-// A burst of events then costs no wake-up per event, while an idle manager
-// still sleeps: the spin only follows a delivery.
-constexpr auto kIdleSpin = boost::chrono::microseconds(50);
+// How long an idle dispatcher keeps looking at the queue before it blocks,
+// when it looks at all (see kBridgedInARowToSpin). A stream whose events
+// follow one another this closely costs no wake-up per event. The spin only
+// pays where the gap it bridges is short: beyond a few microseconds it costs
+// the dispatcher more CPU than the sleep and wake-up it saves, so the window
+// is kept short and a stream with wider gaps is left to the wait.
+constexpr auto kIdleSpin = boost::chrono::microseconds(10);
+
+// Whether the dispatcher spins at all is decided by what its recent idle
+// periods would have gained, much as an adaptive mutex decides: it spins
+// once this many idle periods in a row have ended within the window that a
+// spin covers (the hold, then kIdleSpin), and stops at the first one that
+// does not; otherwise it blocks at once. A dense stream or a run of requests
+// keeps the spin; a sparse or paced stream, whose events a spin would not
+// catch, costs one wasted spin at most and from then on a wake-up per event,
+// nothing more. Two in a row, so that a pair of events published together,
+// or a stream whose gaps only now and then fall short, does not buy spins
+// that the next gaps would waste. An idle period that the dispatcher spends
+// blocked is judged by the moment a publisher found it waiting, so that the
+// slowness of the wake-up itself does not count against the stream.
+constexpr unsigned kBridgedInARowToSpin = 2;
 
 // How long a dispatcher that has just delivered the last queued event holds
-// back before it takes the next asynchronous one. A publisher on another core
-// that posts a stream of events then finds the queue mutex in its own cache
-// for several events in a row, instead of fetching it back from the
-// dispatcher for every one; the dispatcher takes the run that built up one
-// event per lock. Without the hold, each event moves the mutex's cache line
-// between the cores twice, and on two cores that doubled the cost of a
-// stream. Requests that a thread waits for are taken at once.
+// back, when it spins, before it takes the next asynchronous one. A
+// publisher on another core that posts a stream of events then finds the
+// queue mutex in its own cache for several events in a row, instead of
+// fetching it back from the dispatcher for every one; the dispatcher takes
+// the run that built up one event per lock. Without the hold, each event
+// moves the mutex's cache line between the cores twice, and on two cores
+// that doubled the cost of a stream. Requests that a thread waits for are
+// taken at once.
 constexpr auto kBatchHold = boost::chrono::microseconds(5);
 // The longest idle wait; a stop whose notification was missed is seen then.
 constexpr auto kIdleWait = std::chrono::seconds(1);
@@ -65,8 +83,13 @@ constexpr std::size_t kPrefetchAhead = 16;
 constexpr auto kPollInterval = boost::chrono::milliseconds(1);
 
 // How long the first poll of a request looks for its completion before it
-// sleeps; as long as the dispatcher's idle spin, which serves it meanwhile.
-constexpr Clock::duration kFirstPollLook = kIdleSpin;
+// sleeps: long enough for a dispatcher that sleeps to be woken and to run a
+// short request (a wake-up takes some tens of microseconds on a virtual
+// machine), which is cheaper than a sleep and wake-up of the requester too.
+constexpr Clock::duration kFirstPollLook = boost::chrono::microseconds(50);
+
+// See DefaultEventMgr::setSpinningForTesting.
+std::atomic<bool> spinningEnabled{true};
 
 std::string composeFailureReport(const BaseEvent& event, long position, const ClientProxy& client,
                                  const Corvane::System::IUserException* userException) {
@@ -251,6 +274,10 @@ void DefaultEventMgr::enqueue(QueuedEvent event, bool atBack, bool urgent) {
     }
     ++queueSize_;
     sequence = ++enqueueSequence_;
+    if (wakeRequested_ == Clock::time_point::max()) {
+      // Once per sleep of the dispatcher: when its idle period ended.
+      wakeRequested_ = Clock::now();
+    }
   }
   enqueueHint_.store(sequence, std::memory_order_release);
   if (urgent) {
@@ -575,7 +602,7 @@ void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
   }
 }
 
-void DefaultEventMgr::spinForNewEvents() {
+bool DefaultEventMgr::spinForNewEvents(Clock::time_point spinStart) {
   // The spin gives way at every turn instead of pausing: the thread that the
   // last delivery woke (a synchronous requester, a publisher) is often queued
   // on this very core, and a spin that kept the core would make it wait for
@@ -586,7 +613,6 @@ void DefaultEventMgr::spinForNewEvents() {
   // store may still be on its way after the dispatcher saw its event under
   // the mutex, and an old value is no news.
   const std::uint64_t seen = seenSequence_;
-  const Clock::time_point spinStart = Clock::now();
   if (delivering_) {
     const Clock::time_point holdEnd = spinStart + kBatchHold;
     while (urgentHint_.load(std::memory_order_acquire) <= seen && !isStopping() && Clock::now() < holdEnd) {
@@ -594,33 +620,65 @@ void DefaultEventMgr::spinForNewEvents() {
     }
   }
   if (enqueueHint_.load(std::memory_order_acquire) > seen) {
-    return;
+    return true;
   }
-  const Clock::time_point spinEnd = spinStart + kIdleSpin;
-  while (enqueueHint_.load(std::memory_order_acquire) <= seen && !isStopping() && Clock::now() < spinEnd) {
+  const Clock::time_point spinEnd = spinStart + (delivering_ ? kBatchHold : Clock::duration::zero()) + kIdleSpin;
+  while (enqueueHint_.load(std::memory_order_acquire) <= seen) {
+    if (isStopping() || Clock::now() >= spinEnd) {
+      return false;
+    }
     std::this_thread::yield();
   }
+  return true;
+}
+
+void DefaultEventMgr::judgeIdlePeriod(bool bridged) noexcept {
+  bridgedInARow_ = bridged ? (std::min)(bridgedInARow_ + 1, kBridgedInARowToSpin) : 0;
+}
+
+void DefaultEventMgr::setSpinningForTesting(bool enabled) noexcept {
+  spinningEnabled.store(enabled, std::memory_order_relaxed);
 }
 
 void DefaultEventMgr::dispatchNext() {
-  // With nothing left behind the last event, the dispatcher waits for a
-  // publisher's hint before it takes the mutex: a dispatcher that is ahead of
-  // its publishers then neither takes the mutex just to find the queue empty
-  // nor takes it while a publisher is still inside.
-  if (!backlogged_) {
-    spinForNewEvents();
+  // With nothing left behind the last event, a dispatcher whose recent idle
+  // periods were short waits for a publisher's hint before it takes the mutex: a
+  // dispatcher that is ahead of its publishers then neither takes the mutex
+  // just to find the queue empty nor takes it while a publisher is still
+  // inside. Otherwise it goes straight to the queue and blocks there.
+  // Each idle period is judged once: by the spin, or by the wait that
+  // follows a look without a spin; the cycle after a wake-up judges nothing.
+  bool judged = backlogged_ || woken_;
+  woken_ = false;
+  if (!judged && bridgedInARow_ >= kBridgedInARowToSpin && spinningEnabled.load(std::memory_order_relaxed)) {
+    judgeIdlePeriod(spinForNewEvents(Clock::now()));
+    judged = true;
   }
   QueuedEvent event;
   {
     std::unique_lock<std::mutex> lock = lockQueue();
     seenSequence_ = enqueueSequence_;
     if (queueSize_ == 0) {
+      const Clock::duration window = (delivering_ ? kBatchHold : Clock::duration::zero()) + kIdleSpin;
       backlogged_ = false;
       delivering_ = false;
       if (!isStopping()) {
+        const Clock::time_point idleStart = judged ? Clock::time_point() : Clock::now();
+        wakeRequested_ = Clock::time_point::max();
         queueCondition_.wait_for(lock, kIdleWait);
+        if (wakeRequested_ != Clock::time_point::max()) {
+          // A publisher found the dispatcher waiting and took the time.
+          woken_ = true;
+          if (!judged) {
+            judgeIdlePeriod(wakeRequested_ - idleStart < window);
+          }
+        }
+        wakeRequested_ = Clock::time_point();
       }
       return;  // An event that arrived meanwhile is taken by the next cycle.
+    }
+    if (!judged) {
+      judgeIdlePeriod(true);  // It arrived while the last one was delivered.
     }
     event = std::move(queue_.front());
     queue_.pop_front();

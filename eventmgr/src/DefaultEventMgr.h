@@ -49,6 +49,7 @@
 #include <utility>
 #include <vector>
 
+#include <boost/chrono/system_clocks.hpp>
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/smart_ptr/local_shared_ptr.hpp>
@@ -209,7 +210,16 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   boost::shared_ptr<EventDispatcher> getDispatcher() const { return dispatcher_; }
   std::size_t getMailerCount() const;
 
+  // Benchmarks and tests only, never set by the product: with false, every
+  // dispatcher of the process blocks as soon as it finds the queue empty,
+  // without the hold after a delivery and without the idle spin, so that
+  // their cost can be measured against a dispatcher that has neither. Read
+  // by the dispatcher at every cycle; true unless changed.
+  static void setSpinningForTesting(bool enabled) noexcept;
+
  private:
+  using Clock = boost::chrono::steady_clock;
+
   // Queues `event` at the back (true) or the front (false) and wakes the
   // dispatcher. `urgent` exempts it from the batching hold (see
   // spinForNewEvents).
@@ -218,9 +228,13 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   std::unique_lock<std::mutex> lockQueue() const;
   // Dispatcher thread, with the queue seen empty: spins, giving way, until
   // a publisher hints at a new event, the stop is requested or kIdleSpin has
-  // passed. Right after a delivery it first holds back for up to
-  // kBatchHold, reacting then only to urgent events.
-  void spinForNewEvents();
+  // passed since `spinStart`. Right after a delivery it first holds back for
+  // up to kBatchHold, reacting then only to urgent events, and the spin ends
+  // that much later. True when a new event was hinted at.
+  bool spinForNewEvents(Clock::time_point spinStart);
+  // Dispatcher thread: counts an idle period that a spin would (true) or
+  // would not (false) have bridged in bridgedInARow_.
+  void judgeIdlePeriod(bool bridged) noexcept;
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread,
   // and std::bad_alloc if the request cannot be made (nothing is queued
@@ -257,7 +271,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // The queue. Publishers and the dispatcher must meet on queueMutex_ once
   // per event; the rest is laid out so that, in the steady state, every other
   // cache line is written by one side only:
-  //   * queueMutex_ and the two counts it guards share one line;
+  //   * queueMutex_ and the two counts and the time it guards share one line;
   //   * the dispatcher's own state and the deque's front end (map, map size,
   //     start: libstdc++'s order) share the next-but-one line, which only the
   //     dispatcher writes;
@@ -268,15 +282,23 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   alignas(kCacheLine) mutable std::mutex queueMutex_;
   std::size_t queueSize_ = 0;          // Always queue_.size(); guarded by queueMutex_.
   std::uint64_t enqueueSequence_ = 0;  // Events ever queued; guarded by queueMutex_.
+  // Clock::time_point::max() while the dispatcher waits on queueCondition_;
+  // the first publisher that finds it so replaces it by the time at which it
+  // queued its event, once per sleep. Guarded by queueMutex_.
+  Clock::time_point wakeRequested_;
   // Notified after every enqueue; only read while the dispatcher does not
   // wait on it.
   alignas(kCacheLine) std::condition_variable queueCondition_;
   // Dispatcher thread only: the enqueueSequence_ value up to which it has
-  // seen the queue, whether events were left behind the last one taken, and
-  // whether the last cycle delivered one (rather than waited).
+  // seen the queue, whether events were left behind the last one taken,
+  // whether the last cycle delivered one (rather than waited), whether it
+  // was woken by a publisher, and how many idle periods in a row a spin
+  // would have bridged (see kBridgedInARowToSpin).
   alignas(kCacheLine) std::uint64_t seenSequence_ = 0;
   bool backlogged_ = false;
   bool delivering_ = false;
+  bool woken_ = false;
+  unsigned bridgedInARow_ = 0;
   EventQueue queue_;  // Guarded by queueMutex_.
   // A publisher's enqueueSequence_ value, stored after it let queueMutex_
   // go: a value beyond seenSequence_ tells the spinning dispatcher that the
