@@ -65,7 +65,7 @@ class RunEvent : public BaseEvent {
 };
 
 struct Runner {
-  void onRun(const RunEvent& /*event*/) {
+  void onRun(const RunEvent& /*event*/) {  // NOLINT(readability-make-member-function-const): a handler is non-const.
     if (work) {
       work();
     }
@@ -126,7 +126,7 @@ double nanoseconds(BenchClock::duration duration) {
 void BM_AsyncThroughput(benchmark::State& state) {
   const auto producers = static_cast<unsigned>(state.range(0));
   const auto subscribers = static_cast<std::size_t>(state.range(1));
-  const std::uint64_t batch = (subscribers >= 1000 ? 2000 : 20000) / producers * producers;
+  const std::uint64_t batch = std::uint64_t{subscribers >= 1000 ? 2000U : 20000U} / producers * producers;
   std::vector<Sink> sinks(subscribers);
   Completion completion;
   // Every subscriber sees every event; the first one reports the batch.

@@ -1,5 +1,7 @@
 // The dispatcher thread: delivery on it, queue order, restart after a
 // failure, and the manager's shutdown.
+#include <numeric>
+
 #include "EventDispatcher.h"
 #include "UnitTest.h"
 
@@ -129,7 +131,7 @@ TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
     start.open();
     first.join();
     second.join();
-    expected += 2 * kBurstEvents;
+    expected += 2 * static_cast<std::size_t>(kBurstEvents);
     ASSERT_TRUE(recorder.waitFor(expected));
     for (int i = 0; i < kRoundTrips; ++i) {
       manager.publish(TestEvent(300000 + i), true);
@@ -145,10 +147,8 @@ TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
       byOrigin[payload / 100000].push_back(payload % 100000);
     }
     const auto upTo = [](int count) {
-      std::vector<int> sequence;
-      for (int i = 0; i < count; ++i) {
-        sequence.push_back(i);
-      }
+      std::vector<int> sequence(static_cast<std::size_t>(count));
+      std::iota(sequence.begin(), sequence.end(), 0);
       return sequence;
     };
     EXPECT_EQ(byOrigin[0], upTo(kIdleEvents));
