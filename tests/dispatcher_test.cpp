@@ -1,7 +1,5 @@
 // The dispatcher thread: delivery on it, queue order, restart after a
 // failure, and the manager's shutdown.
-#include <numeric>
-
 #include "EventDispatcher.h"
 #include "UnitTest.h"
 
@@ -105,79 +103,43 @@ TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
   struct SpinningRestorer {
     ~SpinningRestorer() { DefaultEventMgr::setSpinningForTesting(true); }
   } restorer;
-  constexpr int kIdleEvents = 40;
-  constexpr int kBurstEvents = 2000;  // Per thread.
-  constexpr int kRoundTrips = 40;
+  constexpr int kEvents = 2000;  // Per origin: one at a time, two bursts, then round trips.
   EventMgr& manager = *EventMgr::instance();
   for (const bool spinning : {false, true}) {
     SCOPED_TRACE(spinning ? "spinning" : "blocking");
     DefaultEventMgr::setSpinningForTesting(spinning);
     Recorder recorder;
     manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
-    std::size_t expected = 0;
-    for (int i = 0; i < kIdleEvents; ++i) {
+    for (int i = 0; i < 40; ++i) {  // Each finds the dispatcher idle.
       manager.publish(TestEvent(i), false);
-      ASSERT_TRUE(recorder.waitFor(++expected));
+      ASSERT_TRUE(recorder.waitFor(static_cast<std::size_t>(i) + 1));
     }
     Gate start;
-    const auto burst = [&](int base) {
+    const auto burst = [&](int origin) {
       ASSERT_TRUE(start.wait());
-      for (int i = 0; i < kBurstEvents; ++i) {
-        manager.publish(TestEvent(base + i), false);
+      for (int i = 0; i < kEvents; ++i) {
+        manager.publish(TestEvent(origin * kEvents + i), false);
       }
     };
-    std::thread first(burst, 100000);
-    std::thread second(burst, 200000);
+    std::thread first(burst, 1);
+    std::thread second(burst, 2);
     start.open();
     first.join();
     second.join();
-    expected += 2 * static_cast<std::size_t>(kBurstEvents);
-    ASSERT_TRUE(recorder.waitFor(expected));
-    for (int i = 0; i < kRoundTrips; ++i) {
-      manager.publish(TestEvent(300000 + i), true);
-      EXPECT_EQ(recorder.count(), ++expected);
+    for (int i = 0; i < 40; ++i) {
+      manager.publish(TestEvent(3 * kEvents + i), true);
     }
     manager.unSubscribe("TestEvent", &recorder, &Recorder::onTest);
-    const std::vector<int> payloads = recorder.payloads();
-    ASSERT_EQ(payloads.size(), expected);
-    // Payloads tell their origin: idle events, each burst, round trips.
-    std::vector<int> byOrigin[4];
-    for (const int payload : payloads) {
-      ASSERT_LT(payload / 100000, 4);
-      byOrigin[payload / 100000].push_back(payload % 100000);
+    // Each origin's events arrive once, in its own order; the origins in turn but for the two bursts.
+    std::vector<int> next{0, kEvents, 2 * kEvents, 3 * kEvents};
+    for (const int payload : recorder.payloads()) {
+      ASSERT_EQ(payload, next.at(static_cast<std::size_t>(payload / kEvents))++) << "lost, repeated or out of order";
+      const bool burstsDone = next[1] == 2 * kEvents && next[2] == 3 * kEvents;
+      EXPECT_TRUE(payload >= kEvents || next[1] == kEvents) << "an idle event after the bursts";
+      EXPECT_TRUE(payload < 3 * kEvents || burstsDone) << "a round trip before the bursts";
     }
-    const auto upTo = [](int count) {
-      std::vector<int> sequence(static_cast<std::size_t>(count));
-      std::iota(sequence.begin(), sequence.end(), 0);
-      return sequence;
-    };
-    EXPECT_EQ(byOrigin[0], upTo(kIdleEvents));
-    EXPECT_EQ(byOrigin[1], upTo(kBurstEvents));
-    EXPECT_EQ(byOrigin[2], upTo(kBurstEvents));
-    EXPECT_EQ(byOrigin[3], upTo(kRoundTrips));
-    // The idle events came first, the round trips last.
-    EXPECT_EQ(std::vector<int>(payloads.begin(), payloads.begin() + kIdleEvents), upTo(kIdleEvents));
-    EXPECT_EQ(payloads[payloads.size() - kRoundTrips], 300000);
+    EXPECT_EQ(next, (std::vector<int>{40, 2 * kEvents, 3 * kEvents, 3 * kEvents + 40}));
   }
-}
-
-// After shutdown instance() is a no-op manager for good: every call does nothing, counts are 0.
-TEST(ManagerShutdown, InstanceBecomesNoOpManager) {
-  EventMgr::instance();
-  shutDownManager();
-  EventMgr* after = EventMgr::instance();
-  EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(after), nullptr);
-  Recorder recorder;
-  after->subscribe("TestEvent", &recorder, &Recorder::onTest);
-  after->publish(TestEvent(), true);
-  after->publish(TestEvent(), false);
-  after->unSubscribe("TestEvent", &recorder, &Recorder::onTest);
-  EXPECT_EQ(after->getSubscriptionCount(), 0U);
-  EXPECT_EQ(after->getPendingEventCount(), 0U);
-  EXPECT_FALSE(after->isDispatchOrMainThread());
-  EXPECT_EQ(recorder.count(), 0U);
-  ToDoAdapter::runOnceOnMainThreadImpl([] {});
-  EXPECT_EQ(EventMgr::instance(), after);
 }
 
 // Shutdown does not hang on an unserved hand-off, and the withdrawn hand-off never runs when pumped later.
@@ -209,25 +171,31 @@ TEST(ManagerShutdown, ReleaseFromInsideASubscriber) {
   EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
 }
 
-// A caller that took the manager's pointer just before the shutdown finds every call a harmless no-op.
-TEST(ManagerShutdown, PointerTakenBeforeShutdownStaysSafe) {
+// After shutdown instance() is a no-op manager for good, and so is the manager
+// through a pointer taken just before: every call does nothing, counts are 0.
+// The interleaving that once freed the manager under a caller: instance() has
+// returned, then the owner lets go, then the caller calls.
+TEST(ManagerShutdown, EveryCallAfterShutdownIsANoOp) {
   EventMgr* const taken = EventMgr::instance();
   Recorder recorder;
   taken->subscribe("TestEvent", clientFor(recorder));
-  // The interleaving that freed the manager under the caller: instance() has
-  // returned, then the owner lets go, then the caller calls.
   shutDownManager();
-  ASSERT_NE(EventMgr::instance(), taken);
-  taken->publish(TestEvent(1), false);
-  taken->publish(TestEvent(2), true);
-  taken->subscribe("TestEvent", clientFor(recorder));
-  taken->subscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
-  taken->unSubscribe("TestEvent", clientFor(recorder));
-  taken->unSubscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
-  EXPECT_EQ(taken->getSubscriptionCount(), 0U);
-  EXPECT_EQ(taken->getPendingEventCount(), 0U);
-  EXPECT_FALSE(taken->isDispatchOrMainThread());
+  EventMgr* const after = EventMgr::instance();
+  EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(after), nullptr);
+  for (EventMgr* const manager : {taken, after}) {
+    manager->publish(TestEvent(1), false);
+    manager->publish(TestEvent(2), true);
+    manager->subscribe("TestEvent", clientFor(recorder));
+    manager->subscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
+    manager->unSubscribe("TestEvent", clientFor(recorder));
+    manager->unSubscribe(Names{"Edit"}, Names{"Commit"}, clientFor(recorder));
+    EXPECT_EQ(manager->getSubscriptionCount(), 0U);
+    EXPECT_EQ(manager->getPendingEventCount(), 0U);
+    EXPECT_FALSE(manager->isDispatchOrMainThread());
+  }
   EXPECT_EQ(recorder.count(), 0U);
+  ToDoAdapter::runOnceOnMainThreadImpl([] {});
+  EXPECT_EQ(EventMgr::instance(), after);
 }
 
 // Publishers that keep calling through instance() while the owner lets go never touch freed memory.

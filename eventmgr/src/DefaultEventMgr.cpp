@@ -308,7 +308,7 @@ unsigned int DefaultEventMgr::getPendingEventCount() const {
 }
 
 bool DefaultEventMgr::isDispatchOrMainThread() const {
-  if (!dispatcher_ || dispatcher_->isStopRequested()) {
+  if (!dispatcher_ || isStopping()) {
     return false;  // No dispatcher, or shut down.
   }
   if (dispatcher_->isDispatcherThread()) {

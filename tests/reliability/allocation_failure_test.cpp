@@ -93,8 +93,6 @@ std::size_t taskCount() {  // Threads of the process.
 
 EventMgr& manager() { return *EventMgr::instance(); }
 
-struct Abandon {};  // Thrown once a caller had to be rescued: the case has failed and stops.
-
 // Everything a case works with; the operation's client is `target`.
 struct World {
   Sink sink;  // Subscribed to "Probe", "Before" and "Pub" before any operation.
@@ -113,12 +111,14 @@ struct World {
   unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
 
   int next() { return ++payload; }
-  // Runs `job` on a caller thread of its own and waits for it, at most kPatience.
+  // Runs `job` on a caller thread of its own and waits for it, at most kPatience. A caller that does not
+  // come back cannot be joined, nor can the process exit normally with it: the case fails and ends here.
   void call(const std::function<void()>& job) {
     std::future<void> done = std::async(std::launch::async, job);
     if (done.wait_for(kPatience) != std::future_status::ready) {
       ADD_FAILURE() << "the caller did not come back within kPatience";
-      rescue(done);
+      std::fflush(stdout);
+      std::_Exit(EXIT_FAILURE);
     }
     done.get();
   }
@@ -143,25 +143,6 @@ struct World {
       manager().subscribe(Names{"Probe", "Before", "Pub"}, sink.proxy());
       manager().subscribe("Arm", &armer, &Armer::on);
     });
-  }
-  // A caller that does not come back waits for a request that is never marked done; only a shutdown, which
-  // releases every waiting requester, ends its wait. Once it is confirmed still waiting (after kPatience),
-  // another thread shuts the manager down and the caller must come back. One stuck for good (on the instance
-  // mutex, say) cannot be released, and the process could not even exit normally: it ends here.
-  [[noreturn]] static void rescue(const std::future<void>& caller) {
-    disarmAllocationFailure();
-    Gate closed;
-    std::thread closer([&closed] {
-      shutDownManager();
-      closed.open();
-    });
-    if (!closed.wait() || caller.wait_for(kPatience) != std::future_status::ready) {
-      ADD_FAILURE() << "shutting the manager down did not release the caller";
-      std::fflush(stdout);
-      std::_Exit(EXIT_FAILURE);
-    }
-    closer.join();
-    throw Abandon();
   }
 };
 
@@ -392,49 +373,46 @@ TEST_P(AllocationFailure, EveryFailureThrowsOrIsAbsorbedAndLosesNothing) {
   const Case& c = GetParam();
   unsigned long survived = 0;
   bool completed = false;
-  try {
-    w.establish();
-    w.baseline = w.subscriptions();
-    const std::size_t threads = taskCount();
-    for (unsigned long n = 1; n <= kMostAllocations && !completed && !HasFailure(); ++n) {
-      SCOPED_TRACE(c.label() + ", allocation " + std::to_string(n) + " fails");
-      c.operation->prepare(w);
-      std::vector<int> before;  // Accepted before the call: each must arrive once.
-      for (int i = 0; i < 2 && !c.operation->freshManager; ++i) {
-        before.push_back(w.next());
-        w.publish("Before", before.back(), false);
-      }
-      Outcome outcome = Outcome::Returned;
-      bool fired = false;
-      armAt = n;
-      w.call([&] {
-        if (c.onDispatcher) {
-          manager().publish(NamedEvent("Arm", w.next()), true);
-        } else {
-          failNthAllocation(pthread_self(), n);
-        }
-        try {
-          c.operation->call(w);
-        } catch (const std::bad_alloc&) {
-          outcome = Outcome::BadAlloc;
-        } catch (...) {
-          outcome = Outcome::Other;
-        }
-        fired = disarmAllocationFailure();
-      });
-      EXPECT_NE(outcome, Outcome::Other);
-      EXPECT_TRUE(fired || outcome == Outcome::Returned) << "threw without a failing allocation";
-      c.operation->verify(w, outcome == Outcome::BadAlloc);
-      EXPECT_EQ(w.subscriptions(), w.baseline) << "a subscription is left over, or one made before is gone";
-      EXPECT_EQ(w.deliveredTo(w.sink, "Probe"), 1) << "the manager no longer delivers exactly once";
-      for (const int number : before) {
-        EXPECT_EQ(w.sink.count(number), 1) << "an event published before the call";
-      }
-      EXPECT_TRUE(eventually([&] { return taskCount() == threads; })) << "a thread is left behind";
-      completed = !fired && !HasFailure();
-      survived = fired && !HasFailure() ? n : n - 1;
+  w.establish();
+  w.baseline = w.subscriptions();
+  const std::size_t threads = taskCount();
+  for (unsigned long n = 1; n <= kMostAllocations && !completed && !HasFailure(); ++n) {
+    SCOPED_TRACE(c.label() + ", allocation " + std::to_string(n) + " fails");
+    c.operation->prepare(w);
+    std::vector<int> before;  // Accepted before the call: each must arrive once.
+    for (int i = 0; i < 2 && !c.operation->freshManager; ++i) {
+      before.push_back(w.next());
+      w.publish("Before", before.back(), false);
     }
-  } catch (const Abandon&) {
+    Outcome outcome = Outcome::Returned;
+    bool fired = false;
+    armAt = n;
+    w.call([&] {
+      if (c.onDispatcher) {
+        manager().publish(NamedEvent("Arm", w.next()), true);
+      } else {
+        failNthAllocation(pthread_self(), n);
+      }
+      try {
+        c.operation->call(w);
+      } catch (const std::bad_alloc&) {
+        outcome = Outcome::BadAlloc;
+      } catch (...) {
+        outcome = Outcome::Other;
+      }
+      fired = disarmAllocationFailure();
+    });
+    EXPECT_NE(outcome, Outcome::Other);
+    EXPECT_TRUE(fired || outcome == Outcome::Returned) << "threw without a failing allocation";
+    c.operation->verify(w, outcome == Outcome::BadAlloc);
+    EXPECT_EQ(w.subscriptions(), w.baseline) << "a subscription is left over, or one made before is gone";
+    EXPECT_EQ(w.deliveredTo(w.sink, "Probe"), 1) << "the manager no longer delivers exactly once";
+    for (const int number : before) {
+      EXPECT_EQ(w.sink.count(number), 1) << "an event published before the call";
+    }
+    EXPECT_TRUE(eventually([&] { return taskCount() == threads; })) << "a thread is left behind";
+    completed = !fired && !HasFailure();
+    survived = fired && !HasFailure() ? n : n - 1;
   }
   EXPECT_TRUE(completed || HasFailure()) << "not completed within " << kMostAllocations << " allocations";
   std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label().c_str(), survived,
