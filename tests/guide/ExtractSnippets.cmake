@@ -1,18 +1,27 @@
-# vexutil_extract_cpp_snippets(<markdown file> <output directory> <result variable>)
+# vexutil_extract_cpp_snippets(<markdown file> <output directory> <prefix> <result variable>
+#                              [REQUIRED])
 #
-# Writes every fenced block that opens with a line of exactly ```cpp to
-# <output directory>/guide_<nn>_<heading>.cpp, where <nn> numbers the blocks
-# from 01 and <heading> is the nearest "## " heading above the block, in lower
-# case with every other character turned into "_". The file holds a #line
-# directive naming the block's first line in the markdown file, then the block
-# exactly as written. A file whose content would not change is left alone, so
-# the build recompiles only edited blocks.
+# Finds every fenced block that opens with a line of exactly ```cpp. A block
+# that contains "int main(" is a whole program: it is written to
+# <output directory>/<prefix>_<nn>_<heading>.cpp, where <nn> numbers the
+# blocks from 01 and <heading> is the nearest "## " heading above the block, in
+# lower case with every other character turned into "_". Every other block is a
+# fragment: the fragments of one file are written, in the order they appear,
+# to one file <output directory>/<prefix>_fragments.cpp that first includes
+# SnippetPrelude.h (the public umbrella header and the using-declarations the
+# pages announce), so a later fragment may use what an earlier one declared.
+# Each block is preceded by a #line directive naming its first line in the
+# markdown file, so compiler messages point into the page. A file whose
+# content would not change is left alone, so the build recompiles only edited
+# blocks.
 #
-# Sets <result variable> to a list with one "<name>|<file>|<has main>" entry
-# per block, where <has main> is 1 when the block contains "int main(".
-# Stops with an error when the file has no such block or a block is not
-# closed, so that a broken guide cannot pass by testing nothing.
-function(vexutil_extract_cpp_snippets markdown output_dir result_var)
+# Sets <result variable> to a list with one "<name>|<file>|<has main>" entry per
+# whole program, plus one entry with <has main> 0 for the fragments file when
+# there are fragments. With REQUIRED, stops with an error when the file has no
+# block at all, so that a broken README cannot pass by testing nothing; an
+# unclosed block is always an error.
+function(vexutil_extract_cpp_snippets markdown output_dir prefix result_var)
+  cmake_parse_arguments(ARG "REQUIRED" "" "" ${ARGN})
   file(READ "${markdown}" text)
   # A leading newline lets a block on the first line match like any other.
   set(text "\n${text}")
@@ -22,6 +31,7 @@ function(vexutil_extract_cpp_snippets markdown output_dir result_var)
   string(LENGTH "${close_fence}" close_length)
 
   set(results "")
+  set(fragments "")
   set(count 0)
   set(consumed 0)  # Characters of `text` before `rest`.
   set(rest "${text}")
@@ -43,7 +53,7 @@ function(vexutil_extract_cpp_snippets markdown output_dir result_var)
     string(SUBSTRING "${text}" 0 ${code_offset} before)
     string(REGEX REPLACE "[^\n]" "" newlines "${before}")
     string(LENGTH "${newlines}" line)  # The leading "\n" added above counts as line 0's end.
-    set(heading "guide")
+    set(heading "top")
     string(FIND "${before}" "\n## " heading_at REVERSE)
     if(NOT heading_at EQUAL -1)
       math(EXPR heading_at "${heading_at} + 4")
@@ -56,37 +66,43 @@ function(vexutil_extract_cpp_snippets markdown output_dir result_var)
     endif()
 
     math(EXPR count "${count} + 1")
-    if(count LESS 10)
-      set(number "0${count}")
-    else()
-      set(number "${count}")
-    endif()
-    set(name "guide_${number}_${heading}")
-    set(source "${output_dir}/${name}.cpp")
-    set(content "#line ${line} \"${markdown}\"\n${code}\n")
-    set(old "")
-    if(EXISTS "${source}")
-      file(READ "${source}" old)
-    endif()
-    if(NOT "${old}" STREQUAL "${content}")
-      file(WRITE "${source}" "${content}")
-    endif()
-
+    set(block "#line ${line} \"${markdown}\"\n${code}\n")
     string(FIND "${code}" "int main(" main_at)
     if(main_at EQUAL -1)
-      set(has_main 0)
+      string(APPEND fragments "${block}")
     else()
-      set(has_main 1)
+      if(count LESS 10)
+        set(number "0${count}")
+      else()
+        set(number "${count}")
+      endif()
+      set(name "${prefix}_${number}_${heading}")
+      _vexutil_write_if_changed("${output_dir}/${name}.cpp" "${block}")
+      list(APPEND results "${name}|${output_dir}/${name}.cpp|1")
     endif()
-    list(APPEND results "${name}|${source}|${has_main}")
 
     math(EXPR skip "${close} + ${close_length}")
     string(SUBSTRING "${rest}" ${skip} -1 rest)
     math(EXPR consumed "${code_offset} + ${skip}")
   endwhile()
 
-  if(count EQUAL 0)
+  if(fragments)
+    set(name "${prefix}_fragments")
+    _vexutil_write_if_changed("${output_dir}/${name}.cpp" "#include \"SnippetPrelude.h\"\n${fragments}")
+    list(APPEND results "${name}|${output_dir}/${name}.cpp|0")
+  endif()
+  if(count EQUAL 0 AND ARG_REQUIRED)
     message(FATAL_ERROR "${markdown}: no ```cpp block found")
   endif()
   set(${result_var} "${results}" PARENT_SCOPE)
+endfunction()
+
+function(_vexutil_write_if_changed file content)
+  set(old "")
+  if(EXISTS "${file}")
+    file(READ "${file}" old)
+  endif()
+  if(NOT "${old}" STREQUAL "${content}")
+    file(WRITE "${file}" "${content}")
+  endif()
 endfunction()

@@ -1,0 +1,24 @@
+// What the code fragments of README.md and docs/*.md assume, as the pages
+// say before their first fragment: the public headers, the standard headers
+// they use, and these using-declarations. Whole programs on the pages include
+// what they need themselves and do not see this file.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vexutil/contextmgr/ContextRegistry.h"
+#include "vexutil/eventmgr/BaseEvent.h"
+#include "vexutil/eventmgr/ClientAdapter.h"
+#include "vexutil/eventmgr/EventMgr.h"
+#include "vexutil/eventmgr/NotifyDeadlockException.h"
+#include "vexutil/eventmgr/ToDoAdapter.h"
+#include "vexutil/inputreqevt/InputRequestEvent.h"
+#include "vexutil/version/Version.h"
+
+using namespace vexutil::eventmgr;  // NOLINT(google-build-using-namespace): the pages' own convention
+using vexutil::inputreqevt::InputRequestEvent;
