@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever this project needs that the machine lacks.
-# Usage: scripts/install-deps.sh [core|all]
+# Usage: scripts/install-deps.sh [core|all|docs]
 #   core: building the library, the demo and the tests (default)
 #   all:  also the systems that the comparison benchmark measures
+#   docs: also Doxygen and Graphviz, for the API reference (target `docs`)
 set -euo pipefail
 
 group="${1:-core}"
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libgtest-dev libgmock-dev libbenchmark-dev)
-if [ "$group" = "all" ]; then
-  packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox)
-fi
+case "$group" in
+  core) ;;
+  all) packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox) ;;
+  docs) packages+=(doxygen graphviz) ;;
+  *)
+    echo "usage: $0 [core|all|docs]" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
