@@ -368,7 +368,7 @@ enum class Outcome { Returned, BadAlloc, Other };
 }  // namespace
 
 // Every allocation of the operation, failing in turn, is thrown out or absorbed, loses nothing and stops nothing.
-TEST_P(AllocationFailure, EveryFailureThrowsOrIsAbsorbedAndLosesNothing) {
+TEST_P(AllocationFailure, ThrowsCleanlyOrCompletes) {
   World& w = *world_;
   const Case& c = GetParam();
   unsigned long survived = 0;
