@@ -11,8 +11,11 @@
 /// boost::shared_ptr from then on.
 ///
 /// ### Defining an event type
-/// A host event class derives (directly or through another event class) from
-/// BaseEvent and provides three things:
+/// The short way is the Event<Class, Base> helper of Event.h: the class then
+/// declares only its name, its data and its constructors.
+///
+/// By hand, a host event class derives (directly or through another event
+/// class) from BaseEvent and provides three things:
 /// * a static `typeName()` returning a reference to a constant string that
 ///   names the class (routing and the adapter's type test use it);
 /// * constructors, the copy constructor included, that pass the class's own
@@ -20,8 +23,9 @@
 ///   the protected BaseEvent constructor;
 /// * an override of clone() that returns `new Class(*this)`.
 ///
-/// See InputRequestEvent for a complete example and README.md for one with an
-/// intermediate base class.
+/// See InputRequestEvent for a complete example. EventChecks.h lists what the
+/// subscribe templates check about such a class at compile time, and what a
+/// publish checks at run time.
 ///
 /// ### Thread safety
 /// An event is immutable once published: the manager and every subscriber
@@ -30,6 +34,7 @@
 #ifndef VEXUTIL_EVENTMGR_BASEEVENT_H
 #define VEXUTIL_EVENTMGR_BASEEVENT_H
 
+#include <algorithm>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -121,6 +126,28 @@ class VEXUTIL_API BaseEvent {
   /// \par Thread
   /// Any thread. Throws std::bad_alloc when memory runs out.
   explicit BaseEvent(std::vector<std::string> typeList);
+
+  /// For the constructors of Event<Class, Base> (Event.h), which run after the
+  /// constructor of a base class that named only its own chain: makes `name`
+  /// the first type name. `copiedFrom` is the event being copied, or null for
+  /// any other constructor. A copy takes its list from `copiedFrom`, from
+  /// `name` onwards, so that a base class whose copy constructor copied the
+  /// whole list (a compiler-generated one) still yields the right chain;
+  /// otherwise `name` goes in front of the base class's list.
+  /// \par Thread
+  /// Any thread, while the event is being constructed. Throws
+  /// std::bad_alloc when memory runs out.
+  void setMostDerivedTypeName(const std::string& name, const BaseEvent* copiedFrom) {
+    if (copiedFrom != nullptr) {
+      const auto& source = copiedFrom->types_;
+      const auto own = std::find(source.begin(), source.end(), name);
+      if (own != source.end()) {
+        types_.assign(own, source.end());
+        return;
+      }
+    }
+    types_.insert(types_.begin(), name);
+  }
 
  private:
   std::vector<std::string> types_;

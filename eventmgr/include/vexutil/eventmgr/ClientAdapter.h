@@ -33,6 +33,7 @@
 #include <cstdint>
 
 #include "vexutil/eventmgr/ClientProxy.h"
+#include "vexutil/eventmgr/EventChecks.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -43,8 +44,11 @@ namespace eventmgr {
 /// \tparam Target the subscriber's class.
 /// \tparam Event  the event class that the member function takes: BaseEvent
 ///                or a class derived from it, with a static `typeName()`.
+///                Checked at compile time as EventChecks.h says.
 template <typename Target, typename Event>
 class VEXUTIL_API ClientAdapter : public ClientProxy {
+  static_assert(isCheckedEventClass<Event>(), "");
+
  public:
   /// The member function type: `void Target::handler(const Event&)`.
   using Handler = void (Target::*)(const Event&);
