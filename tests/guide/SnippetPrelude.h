@@ -5,20 +5,14 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "vexutil/contextmgr/ContextRegistry.h"
-#include "vexutil/eventmgr/BaseEvent.h"
-#include "vexutil/eventmgr/ClientAdapter.h"
-#include "vexutil/eventmgr/EventMgr.h"
-#include "vexutil/eventmgr/NotifyDeadlockException.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
-#include "vexutil/version/Version.h"
+#include "vexutil/vexutil.h"
 
 using namespace vexutil::eventmgr;  // NOLINT(google-build-using-namespace): the pages' own convention
 using vexutil::inputreqevt::InputRequestEvent;
