@@ -8,7 +8,7 @@ set -euo pipefail
 
 group="${1:-core}"
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev systemtap-sdt-dev)
 case "$group" in
   core) ;;
   all) packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox) ;;

@@ -21,6 +21,7 @@
 #include "ActionContainerEvent.h"
 #include "Corvane/System/IUserException.h"
 #include "Corvane/System/ThreadId.h"
+#include "DiagnosticsHooks.h"
 #include "EventDispatcher.h"
 #include "Instance.h"
 #include "libhx.h"
@@ -119,7 +120,11 @@ std::string composeFailureReport(const BaseEvent& event, long position, const Cl
 struct DeliverEvent {
   DefaultEventMgr* manager;
   DefaultEventMgr::EventPtr event;
-  void operator()() const { manager->deliver(event); }
+  void operator()() const {
+    // diagnostics hook: counts a synchronously published event and its outcome
+    const diagnostics::DeliveryOutcome outcome(*event, 0, diagnostics::Delivered::kSynchronousEvent);
+    manager->deliver(event);
+  }
 };
 
 // The action of a subscribe or unSubscribe request. A failure (out of memory)
@@ -290,6 +295,8 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
 #ifndef NDEBUG
   assertFaithfulCopy(event, *copy);
 #endif
+  // diagnostics hook: publish (count, tracepoint)
+  diagnostics::notePublished(*copy, synchronous);
   if (!synchronous) {
     // An event that the dispatcher queues for itself meets no other core.
     enqueue(QueuedEvent{std::move(copy), EventPtr()}, true, onDispatcher);
@@ -317,6 +324,8 @@ std::unique_lock<std::mutex> DefaultEventMgr::lockQueue() const {
 }
 
 void DefaultEventMgr::enqueue(QueuedEvent event, bool atBack, bool urgent) {
+  // diagnostics hook: queue time stamp
+  event.queuedAtNs = diagnostics::queueStamp();
   std::uint64_t sequence = 0;
   {
     const std::unique_lock<std::mutex> lock = lockQueue();
@@ -554,6 +563,8 @@ void DefaultEventMgr::addSubscription(const std::string& eventType, const Client
     created->clients.insert(client);
     table_.emplace(eventType, std::move(created));
     countSubscriptions(eventType, 1);
+    // diagnostics hook: subscribe tracepoint
+    diagnostics::noteSubscription(eventType, *client, true);
     return;
   }
   boost::local_shared_ptr<Subscribers>& subscribers = found->second;
@@ -570,6 +581,8 @@ void DefaultEventMgr::addSubscription(const std::string& eventType, const Client
     subscribers->deliveryOrderCurrent = false;
   }
   countSubscriptions(eventType, 1);
+  // diagnostics hook: subscribe tracepoint
+  diagnostics::noteSubscription(eventType, *client, true);
 }
 
 void DefaultEventMgr::removeSubscription(const std::string& eventType, const ClientPtr& client) {
@@ -592,6 +605,8 @@ void DefaultEventMgr::removeSubscription(const std::string& eventType, const Cli
   subscribers->clients.erase(member);
   subscribers->deliveryOrderCurrent = false;
   countSubscriptions(eventType, -1);
+  // diagnostics hook: unsubscribe tracepoint
+  diagnostics::noteSubscription(eventType, *client, false);
   if (subscribers->clients.empty()) {
     table_.erase(found);
   }
@@ -606,6 +621,8 @@ void DefaultEventMgr::deliver(const EventPtr& event) noexcept {
 }
 
 void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept {
+  // diagnostics hook: notify start and end (tracepoints, slow-notify threshold)
+  const diagnostics::NotifyTimer timer(client, event);
   try {
     client.notify(event);
   } catch (const Corvane::System::IUserException& failure) {
@@ -622,6 +639,8 @@ void DefaultEventMgr::reportFailure(const BaseEvent& event, std::size_t position
   } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory, or the event could not describe
     // itself: the report is dropped and delivery goes on.
   }
+  // diagnostics hook: subscriber failure (count, observer); called inside the handler
+  diagnostics::noteSubscriberFailure(event, client);
 }
 
 void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
@@ -630,6 +649,8 @@ void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
     if (found == table_.end()) {
       continue;
     }
+    // diagnostics hook: the event has subscribers
+    diagnostics::noteSubscribersFound();
     // The snapshot: subscribers may change the table from inside notify().
     // Such a change goes to a copy of the entry while this one is held, so
     // the clients walked here stay as they are and stay alive.
@@ -737,8 +758,14 @@ void DefaultEventMgr::dispatchNext() {
     queue_.pop_front();
     backlogged_ = --queueSize_ != 0;
     delivering_ = true;
+    // diagnostics hook: dequeue (high-water mark, tracepoint)
+    diagnostics::noteDequeue(event.get(), queueSize_, event.queuedAtNs);
   }
   if (const BaseEvent* const delivered = event.get()) {
+    // diagnostics hook: queue wait and the outcome of a published event
+    const diagnostics::DeliveryOutcome outcome(
+        *delivered, event.queuedAtNs,
+        event.owned ? diagnostics::Delivered::kPublishedEvent : diagnostics::Delivered::kQueuedEntry);
     deliver(*delivered);
   }
   if (shutDownAfterDelivery_) {
@@ -826,6 +853,8 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
   }
   boost::mutex::scoped_lock lock(action->getMutex());
   enqueue(QueuedEvent{nullptr, action}, atBack, true);
+  // diagnostics hook: synchronous wait start and end tracepoints
+  const diagnostics::SyncWaitProbe waitProbe(action.get());
   const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
   // If this thread ends up letting the manager go, its destructor marks the
   // queued actions done, this one included: it must not find the action's
@@ -849,6 +878,8 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
         manager->ensureDispatcherRunning();
         if (polls == kDeadlockReportPoll) {
           hxPuts(kDeadlockReport);
+          // diagnostics hook: deadlock report tracepoint
+          diagnostics::noteDeadlockReport(action.get(), polls);
         }
       } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
       }

@@ -94,6 +94,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   struct QueuedEvent {
     std::unique_ptr<BaseEvent> owned;
     EventPtr shared;
+    // diagnostics hook: when it was queued (0 unless its wait is judged or traced)
+    std::int64_t queuedAtNs = 0;
     const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
   };
   using EventQueue = std::deque<QueuedEvent>;

@@ -34,6 +34,7 @@
 
 #include "vexutil/eventmgr/ClientProxy.h"
 #include "vexutil/eventmgr/EventChecks.h"
+#include "vexutil/eventmgr/SubscriberClassName.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -53,13 +54,19 @@ class VEXUTIL_API ClientAdapter : public ClientProxy {
   /// The member function type: `void Target::handler(const Event&)`.
   using Handler = void (Target::*)(const Event&);
 
-  /// Stores both pointers and does nothing else. Either may be null; such an
-  /// adapter never calls anything.
+  /// Stores both pointers. Either may be null; such an adapter never calls
+  /// anything. The first adapter of each Target/Event pair also records
+  /// Target's class name for reports (see SubscriberClassName.h).
   /// \pre While the adapter is subscribed, `target` stays alive and is an
   ///      object of class Target.
   /// \par Thread
   /// Any thread; never throws.
-  ClientAdapter(Target* target, Handler handler) : target_(target), handler_(handler) {}
+  ClientAdapter(Target* target, Handler handler) : target_(target), handler_(handler) {
+#if defined(__GXX_RTTI) || defined(_CPPRTTI)
+    static const bool named = (detail::nameSubscriberClass(ClientAdapter::getClassId(), typeid(Target)), true);
+    (void)named;
+#endif
+  }
 
   /// Calls the member function with `event` cast to `const Event&` if the
   /// event's type list contains Event::typeName(); otherwise, or when a
