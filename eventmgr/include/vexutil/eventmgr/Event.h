@@ -115,8 +115,8 @@ class Event : public Base {
     assert(typeid(*this) == typeid(Class) &&
            "vexutil: a class derived from this event class does not override clone(); "
            "define it with vexutil::eventmgr::Event<Derived, Class>");
-    if constexpr (std::is_abstract<Class>::value) {
-      return nullptr;  // No object is of an abstract class; see the assertion.
+    if constexpr (std::is_abstract<Class>::value || !std::is_base_of<Event, Class>::value) {
+      return nullptr;  // No object is of such a class; see the assertion and checkDefinition().
     } else {
       return new Class(static_cast<const Class&>(*this));
     }

@@ -107,13 +107,18 @@ struct EventClassCheck {
   static_assert(std::is_base_of<BaseEvent, E>::value,
                 "vexutil: an event class must derive from vexutil::eventmgr::BaseEvent "
                 "(define it as `class MyEvent : public vexutil::eventmgr::Event<MyEvent> { ... }`)");
-  static_assert(std::is_same<E, BaseEvent>::value || (!sameFunction(&E::typeName, &BaseEvent::typeName) &&
-                                                      !sameFunction(&E::typeName, &NameAncestor<E>::type::typeName)),
+  // A class that is no event at all has been reported; check BaseEvent
+  // instead, which passes, rather than pile up errors about it.
+  using Checked = std::conditional_t<std::is_base_of<BaseEvent, E>::value, E, BaseEvent>;
+  static_assert(std::is_same<Checked, BaseEvent>::value ||
+                    (!sameFunction(&Checked::typeName, &BaseEvent::typeName) &&
+                     !sameFunction(&Checked::typeName, &NameAncestor<Checked>::type::typeName)),
                 "vexutil: the event class does not declare its own typeName(), so it would be routed and "
-                "matched under its base class's name; add `static const std::string& typeName() noexcept` returning a "
-                "string that is never destroyed, in an Event<> class "
-                "`{ return Event::typeNameConstant(\"MyEvent\"); }`");
-  static_assert(std::is_abstract<E>::value || IsOwnClone<typename DeclaringClass<decltype(&E::clone)>::type, E>::value,
+                "matched under its base class's name; add `static const std::string& typeName() noexcept` "
+                "returning a string that is never destroyed, in an Event<> class "
+                "`{ return typeNameConstant(\"MyEvent\"); }`");
+  static_assert(std::is_abstract<Checked>::value ||
+                    IsOwnClone<typename DeclaringClass<decltype(&Checked::clone)>::type, Checked>::value,
                 "vexutil: the event class does not override clone(), so a published copy would be of its base "
                 "class; derive it as `class MyEvent : public vexutil::eventmgr::Event<MyEvent, Base>`, or add "
                 "`MyEvent* clone() const override { return new MyEvent(*this); }`");
