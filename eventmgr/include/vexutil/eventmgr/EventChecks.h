@@ -76,16 +76,14 @@ struct IsOwnClone : std::is_same<Declaring, E> {};
 template <typename E, typename Base>
 struct IsOwnClone<Event<E, Base>, E> : std::true_type {};
 
-// Whether two static functions are the same one; functions of different
-// types are different functions.
-template <typename F, typename G>
-constexpr bool sameFunction(F* f, G* g) {
-  if constexpr (std::is_same<F, G>::value) {
-    return f == g;
-  } else {
-    return false;
-  }
-}
+// Whether two static functions are the same one. Compared as template
+// arguments, which name the functions themselves: comparing their addresses
+// is not a constant expression under every compiler option (the undefined
+// behaviour sanitizer of GCC refuses it).
+template <auto Function>
+struct FunctionTag {};
+template <auto F, auto G>
+constexpr bool kSameFunction = std::is_same<FunctionTag<F>, FunctionTag<G>>::value;
 
 // The nearest class above E whose typeName() E must not share: the base
 // given to E's own Event<E, Base>, else the nearest class defined with
@@ -111,8 +109,8 @@ struct EventClassCheck {
   // instead, which passes, rather than pile up errors about it.
   using Checked = std::conditional_t<std::is_base_of<BaseEvent, E>::value, E, BaseEvent>;
   static_assert(std::is_same<Checked, BaseEvent>::value ||
-                    (!sameFunction(&Checked::typeName, &BaseEvent::typeName) &&
-                     !sameFunction(&Checked::typeName, &NameAncestor<Checked>::type::typeName)),
+                    (!kSameFunction<&Checked::typeName, &BaseEvent::typeName> &&
+                     !kSameFunction<&Checked::typeName, &NameAncestor<Checked>::type::typeName>),
                 "vexutil: the event class does not declare its own typeName(), so it would be routed and "
                 "matched under its base class's name; add `static const std::string& typeName() noexcept` "
                 "returning a string that is never destroyed, in an Event<> class "
