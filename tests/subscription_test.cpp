@@ -88,7 +88,7 @@ unsigned subscriptions() { return EventMgr::instance()->getSubscriptionCount(); 
 TEST(EventHelper, NamesTheChainInEveryConstructorAndClonesTheWholeObject) {
   const EditEvent edit(3, 9);
   EXPECT_EQ(edit.getTypes(), kEditNames);
-  const EditEvent copy(edit);
+  const EditEvent copy(edit);  // NOLINT(performance-unnecessary-copy-initialization): the copy is under test.
   EXPECT_EQ(copy.getTypes(), kEditNames);
   const std::unique_ptr<BaseEvent> clone(edit.clone());
   ASSERT_EQ(typeid(*clone), typeid(EditEvent));
@@ -96,6 +96,7 @@ TEST(EventHelper, NamesTheChainInEveryConstructorAndClonesTheWholeObject) {
   EXPECT_EQ(static_cast<const EditEvent&>(*clone).sequence(), 9u);
   EXPECT_EQ(static_cast<const EditEvent&>(*clone).document(), 3);
   // The base part of a copy names only the base's chain.
+  // NOLINTNEXTLINE(cppcoreguidelines-slicing): the base part of a copy is under test.
   EXPECT_EQ(DocumentEvent(edit).getTypes(), (Names{"DocumentEvent", "BaseEvent"}));
   EXPECT_EQ(CommitEvent(5).getTypes(), (Names{"CommitEvent", "DocumentEvent", "BaseEvent"}));
 
@@ -290,7 +291,8 @@ class MiddleEvent : public BaseEvent {
   MiddleEvent() : MiddleEvent(Names{}) {}
   MiddleEvent* clone() const override { return new MiddleEvent(*this); }
   static const std::string& typeName() noexcept {
-    static const std::string* const name = new std::string("MiddleEvent");
+    static const std::string* const name =
+        new std::string("MiddleEvent");  // NOLINT(bugprone-unhandled-exception-at-new)
     return *name;
   }
 
@@ -310,6 +312,8 @@ class LeafWithoutClone : public MiddleEvent {
 class LeafLosingItsName : public MiddleEvent {
  public:
   LeafLosingItsName() : MiddleEvent(Names{"LeafLosingItsName"}) {}
+  // The mistake under test: the copy names only the middle class.
+  // NOLINTNEXTLINE(bugprone-copy-constructor-init,readability-redundant-member-init)
   LeafLosingItsName(const LeafLosingItsName& /*other*/) : MiddleEvent() {}
   LeafLosingItsName* clone() const override { return new LeafLosingItsName(*this); }
 };

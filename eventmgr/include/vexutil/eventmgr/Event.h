@@ -142,7 +142,7 @@ class Event : public Base {
     static_assert(std::is_base_of<Event, Class>::value,
                   "vexutil: Event<Class, Base>: the first argument must be the class being defined, as in "
                   "`class MyEvent : public vexutil::eventmgr::Event<MyEvent, Base>`");
-    static_assert(isCheckedEventClass<Class>(), "");
+    static_assert(isCheckedEventClass<Class>());
   }
 };
 

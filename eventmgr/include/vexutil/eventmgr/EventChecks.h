@@ -129,7 +129,7 @@ struct EventClassCheck {
 /// static_assert by templates that take an event class.
 template <typename E>
 constexpr bool isCheckedEventClass() {
-  return sizeof(detail::EventClassCheck<E>) > 0 && detail::EventClassCheck<E>::value;
+  return detail::EventClassCheck<E>::value;  // Instantiates the checks.
 }
 
 }  // namespace eventmgr

@@ -176,7 +176,7 @@ boost::shared_ptr<HandleClient> makeCallableClient(Callable&& callable) {
                   "`const MyEvent&`, or name the class: subscribe<MyEvent>(...)");
     return nullptr;
   } else {
-    static_assert(isCheckedEventClass<Event>(), "");
+    static_assert(isCheckedEventClass<Event>());
     static_assert(std::is_invocable<std::decay_t<Callable>&, const Event&>::value,
                   "vexutil: the handler cannot be called with `const Event&` of the event class named");
     return boost::shared_ptr<HandleClient>(
@@ -189,7 +189,7 @@ boost::shared_ptr<HandleClient> makeCallableClient(Callable&& callable) {
 template <typename Event>
 std::string typeNameOf() {
   if constexpr (std::is_same<Event, Unnamed>::value) {
-    return std::string();
+    return {};
   } else {
     return Event::typeName();
   }
@@ -302,9 +302,9 @@ Subscription subscribe(const std::string& eventType, Target* target, void (Targe
 /// As above, for each name of `eventTypes`.
 template <typename Target, typename Event>
 Subscription subscribe(const TypeList& eventTypes, Target* target, void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   if (target == nullptr || handler == nullptr) {
-    return Subscription();
+    return {};
   }
   return Subscription::make(eventTypes, detail::makeMemberClient(target, handler));
 }
@@ -312,7 +312,7 @@ Subscription subscribe(const TypeList& eventTypes, Target* target, void (Target:
 /// As above, to Event::typeName().
 template <typename Target, typename Event>
 Subscription subscribe(Target* target, void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   return subscribe(TypeList{Event::typeName()}, target, handler);
 }
 
@@ -336,9 +336,9 @@ Subscription subscribeCombined(const TypeList& delayedInputTypes, const TypeList
 template <typename Target, typename Event>
 Subscription subscribeCombined(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes, Target* target,
                                void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   if (target == nullptr || handler == nullptr) {
-    return Subscription();
+    return {};
   }
   return Subscription::makeCombined(delayedInputTypes, triggerInputTypes, detail::makeMemberClient(target, handler));
 }
