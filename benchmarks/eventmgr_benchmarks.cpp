@@ -33,6 +33,7 @@
 #include "DefaultEventMgr.h"
 #include "vexutil/eventmgr/ClientAdapter.h"
 #include "vexutil/eventmgr/EventMgr.h"
+#include "vexutil/eventmgr/Subscription.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ using vexutil::eventmgr::BaseEvent;
 using vexutil::eventmgr::ClientAdapter;
 using vexutil::eventmgr::DefaultEventMgr;
 using vexutil::eventmgr::EventMgr;
+using vexutil::eventmgr::Subscription;
 
 using PayloadAdapter = ClientAdapter<Sink, PayloadEvent>;
 using ControlAdapter = ClientAdapter<Sink, ControlEvent>;
@@ -114,9 +116,7 @@ void removeSinks(std::vector<Sink>& sinks, const std::string& eventType, Handler
   });
 }
 
-double nanoseconds(BenchClock::duration duration) {
-  return std::chrono::duration<double, std::nano>(duration).count();
-}
+double nanoseconds(BenchClock::duration duration) { return std::chrono::duration<double, std::nano>(duration).count(); }
 
 // --- Asynchronous publish to delivery -----------------------------------------
 
@@ -280,6 +280,61 @@ BENCHMARK(BM_DeliveryPerSubscriber)
     ->ArgName("subscribers")
     ->RangeMultiplier(10)
     ->Range(1, 100000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond)
+    ->MinTime(0.2)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+
+// Arguments: the kind of subscriber (0: ClientAdapter made by the member
+// subscribe of EventMgr, 1: a lambda behind a Subscription handle, 2: a member
+// function behind a Subscription handle) and the number of subscribers. Each
+// iteration delivers a batch of events to all of them; ns_per_call is the
+// time per subscriber call. All kinds call the same Sink::onPayload.
+void BM_DeliveryBySubscriberKind(benchmark::State& state) {
+  const auto kind = state.range(0);
+  const auto subscribers = static_cast<std::size_t>(state.range(1));
+  const std::size_t repetitions = std::max<std::size_t>(4, 200000 / subscribers);
+  std::vector<Sink> sinks(subscribers);
+  std::vector<Subscription> handles;
+  for (Sink& sink : sinks) {
+    if (kind == 0) {
+      manager().subscribe(PayloadEvent::typeName(), &sink, &Sink::onPayload);
+    } else if (kind == 1) {
+      handles.push_back(vexutil::eventmgr::subscribe([&sink](const PayloadEvent& event) { sink.onPayload(event); }));
+    } else {
+      handles.push_back(vexutil::eventmgr::subscribe(&sink, &Sink::onPayload));
+    }
+  }
+  const DefaultEventMgr::EventPtr routed(new PayloadEvent(3));
+  double totalNs = 0;
+  for (auto _ : state) {
+    BenchClock::duration elapsed{};
+    runOnDispatcher([&] {
+      DefaultEventMgr& eventMgr = manager();
+      const BenchClock::time_point start = BenchClock::now();
+      for (std::size_t i = 0; i < repetitions; ++i) {
+        eventMgr.deliver(routed);
+      }
+      elapsed = BenchClock::now() - start;
+    });
+    totalNs += nanoseconds(elapsed);
+    state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
+  }
+  if (kind == 0) {
+    for (Sink& sink : sinks) {
+      manager().unSubscribe(PayloadEvent::typeName(), &sink, &Sink::onPayload);
+    }
+  }
+  handles.clear();
+  const double calls =
+      static_cast<double>(repetitions) * static_cast<double>(state.iterations()) * static_cast<double>(subscribers);
+  state.SetItemsProcessed(static_cast<std::int64_t>(calls));
+  state.counters["ns_per_call"] = totalNs / calls;
+}
+BENCHMARK(BM_DeliveryBySubscriberKind)
+    ->ArgNames({"kind", "subscribers"})
+    ->ArgsProduct({{0, 1, 2}, {1, 100}})
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond)
     ->MinTime(0.2)

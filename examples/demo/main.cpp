@@ -93,7 +93,7 @@ class AuditLog {
     if (event.isOfType(CommitEvent::typeName())) {
       bump(commits);
     }
-    latency.add(Clock::now() - event.madeAt());
+    latency.add(Clock::now() - event.madeAt);
   }
   Counter documents{0};
   Counter commits{0};
@@ -105,7 +105,7 @@ class EditCounter {
  public:
   void onEdit(const EditEvent& event) {
     bump(edits);
-    order.see(event.author(), event.sequence());
+    order.see(event.author, event.sequence);
   }
   Counter edits{0};
   OrderCheck order;
@@ -118,12 +118,12 @@ class CommitBatcher {
  public:
   void onBatchedEdit(const EditEvent& event) {
     bump(edits);
-    order.see(event.author(), event.sequence());
-    heldBack.add(Clock::now() - event.madeAt());
+    order.see(event.author, event.sequence);
+    heldBack.add(Clock::now() - event.madeAt);
     std::lock_guard<std::mutex> lock(mutex_);
     ++openBatch_;
     if (firstSequences_.size() < 8) {
-      firstSequences_.push_back(event.sequence());
+      firstSequences_.push_back(event.sequence);
     }
   }
   void onCommit(const CommitEvent& /*event*/) { closeBatch(); }

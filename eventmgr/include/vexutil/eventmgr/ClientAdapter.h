@@ -48,7 +48,7 @@ namespace eventmgr {
 ///                Checked at compile time as EventChecks.h says.
 template <typename Target, typename Event>
 class VEXUTIL_API ClientAdapter : public ClientProxy {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
 
  public:
   /// The member function type: `void Target::handler(const Event&)`.

@@ -115,8 +115,8 @@ class Event : public Base {
     assert(typeid(*this) == typeid(Class) &&
            "vexutil: a class derived from this event class does not override clone(); "
            "define it with vexutil::eventmgr::Event<Derived, Class>");
-    if constexpr (std::is_abstract<Class>::value) {
-      return nullptr;  // No object is of an abstract class; see the assertion.
+    if constexpr (std::is_abstract<Class>::value || !std::is_base_of<Event, Class>::value) {
+      return nullptr;  // No object is of such a class; see the assertion and checkDefinition().
     } else {
       return new Class(static_cast<const Class&>(*this));
     }
@@ -142,7 +142,7 @@ class Event : public Base {
     static_assert(std::is_base_of<Event, Class>::value,
                   "vexutil: Event<Class, Base>: the first argument must be the class being defined, as in "
                   "`class MyEvent : public vexutil::eventmgr::Event<MyEvent, Base>`");
-    static_assert(isCheckedEventClass<Class>(), "");
+    static_assert(isCheckedEventClass<Class>());
   }
 };
 

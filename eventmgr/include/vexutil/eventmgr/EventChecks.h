@@ -76,16 +76,14 @@ struct IsOwnClone : std::is_same<Declaring, E> {};
 template <typename E, typename Base>
 struct IsOwnClone<Event<E, Base>, E> : std::true_type {};
 
-// Whether two static functions are the same one; functions of different
-// types are different functions.
-template <typename F, typename G>
-constexpr bool sameFunction(F* f, G* g) {
-  if constexpr (std::is_same<F, G>::value) {
-    return f == g;
-  } else {
-    return false;
-  }
-}
+// Whether two static functions are the same one. Compared as template
+// arguments, which name the functions themselves: comparing their addresses
+// is not a constant expression under every compiler option (the undefined
+// behaviour sanitizer of GCC refuses it).
+template <auto Function>
+struct FunctionTag {};
+template <auto F, auto G>
+constexpr bool kSameFunction = std::is_same<FunctionTag<F>, FunctionTag<G>>::value;
 
 // The nearest class above E whose typeName() E must not share: the base
 // given to E's own Event<E, Base>, else the nearest class defined with
@@ -107,13 +105,18 @@ struct EventClassCheck {
   static_assert(std::is_base_of<BaseEvent, E>::value,
                 "vexutil: an event class must derive from vexutil::eventmgr::BaseEvent "
                 "(define it as `class MyEvent : public vexutil::eventmgr::Event<MyEvent> { ... }`)");
-  static_assert(std::is_same<E, BaseEvent>::value || (!sameFunction(&E::typeName, &BaseEvent::typeName) &&
-                                                      !sameFunction(&E::typeName, &NameAncestor<E>::type::typeName)),
+  // A class that is no event at all has been reported; check BaseEvent
+  // instead, which passes, rather than pile up errors about it.
+  using Checked = std::conditional_t<std::is_base_of<BaseEvent, E>::value, E, BaseEvent>;
+  static_assert(std::is_same<Checked, BaseEvent>::value ||
+                    (!kSameFunction<&Checked::typeName, &BaseEvent::typeName> &&
+                     !kSameFunction<&Checked::typeName, &NameAncestor<Checked>::type::typeName>),
                 "vexutil: the event class does not declare its own typeName(), so it would be routed and "
-                "matched under its base class's name; add `static const std::string& typeName() noexcept` returning a "
-                "string that is never destroyed, in an Event<> class "
-                "`{ return Event::typeNameConstant(\"MyEvent\"); }`");
-  static_assert(std::is_abstract<E>::value || IsOwnClone<typename DeclaringClass<decltype(&E::clone)>::type, E>::value,
+                "matched under its base class's name; add `static const std::string& typeName() noexcept` "
+                "returning a string that is never destroyed, in an Event<> class "
+                "`{ return typeNameConstant(\"MyEvent\"); }`");
+  static_assert(std::is_abstract<Checked>::value ||
+                    IsOwnClone<typename DeclaringClass<decltype(&Checked::clone)>::type, Checked>::value,
                 "vexutil: the event class does not override clone(), so a published copy would be of its base "
                 "class; derive it as `class MyEvent : public vexutil::eventmgr::Event<MyEvent, Base>`, or add "
                 "`MyEvent* clone() const override { return new MyEvent(*this); }`");
@@ -126,7 +129,7 @@ struct EventClassCheck {
 /// static_assert by templates that take an event class.
 template <typename E>
 constexpr bool isCheckedEventClass() {
-  return sizeof(detail::EventClassCheck<E>) > 0 && detail::EventClassCheck<E>::value;
+  return detail::EventClassCheck<E>::value;  // Instantiates the checks.
 }
 
 }  // namespace eventmgr

@@ -165,16 +165,34 @@ template <typename Named, typename Callable>
 using HandlerEvent = std::conditional_t<std::is_same<Named, Unnamed>::value,
                                         typename CallableParameter<std::decay_t<Callable>>::type, Named>;
 
+template <typename T>
+constexpr bool kAlwaysFalse = false;
+
 template <typename Event, typename Callable>
 boost::shared_ptr<HandleClient> makeCallableClient(Callable&& callable) {
-  static_assert(!std::is_same<Event, Unnamed>::value,
-                "vexutil: cannot tell the event class from this handler: give it one parameter "
-                "`const MyEvent&`, or name the class: subscribe<MyEvent>(...)");
-  static_assert(isCheckedEventClass<Event>(), "");
-  static_assert(std::is_invocable<std::decay_t<Callable>&, const Event&>::value,
-                "vexutil: the handler cannot be called with `const Event&` of the event class named");
-  return boost::shared_ptr<HandleClient>(
-      new CallableClient<Event, std::decay_t<Callable>>(std::forward<Callable>(callable)));
+  if constexpr (std::is_same<Event, Unnamed>::value) {
+    static_assert(kAlwaysFalse<Callable>,
+                  "vexutil: cannot tell the event class from this handler: give it one parameter "
+                  "`const MyEvent&`, or name the class: subscribe<MyEvent>(...)");
+    return nullptr;
+  } else {
+    static_assert(isCheckedEventClass<Event>());
+    static_assert(std::is_invocable<std::decay_t<Callable>&, const Event&>::value,
+                  "vexutil: the handler cannot be called with `const Event&` of the event class named");
+    return boost::shared_ptr<HandleClient>(
+        new CallableClient<Event, std::decay_t<Callable>>(std::forward<Callable>(callable)));
+  }
+}
+
+// The type name of a handler's event class; empty when it is unknown (the
+// handler is then rejected by makeCallableClient).
+template <typename Event>
+std::string typeNameOf() {
+  if constexpr (std::is_same<Event, Unnamed>::value) {
+    return {};
+  } else {
+    return Event::typeName();
+  }
 }
 
 template <typename Target, typename Event>
@@ -269,7 +287,7 @@ Subscription subscribe(const TypeList& eventTypes, Callable&& callable) {
 template <typename Event = detail::Unnamed, typename Callable>
 Subscription subscribe(Callable&& callable) {
   using Handled = detail::HandlerEvent<Event, Callable>;
-  return Subscription::make(TypeList{Handled::typeName()},
+  return Subscription::make(TypeList{detail::typeNameOf<Handled>()},
                             detail::makeCallableClient<Handled>(std::forward<Callable>(callable)));
 }
 
@@ -284,9 +302,9 @@ Subscription subscribe(const std::string& eventType, Target* target, void (Targe
 /// As above, for each name of `eventTypes`.
 template <typename Target, typename Event>
 Subscription subscribe(const TypeList& eventTypes, Target* target, void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   if (target == nullptr || handler == nullptr) {
-    return Subscription();
+    return {};
   }
   return Subscription::make(eventTypes, detail::makeMemberClient(target, handler));
 }
@@ -294,7 +312,7 @@ Subscription subscribe(const TypeList& eventTypes, Target* target, void (Target:
 /// As above, to Event::typeName().
 template <typename Target, typename Event>
 Subscription subscribe(Target* target, void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   return subscribe(TypeList{Event::typeName()}, target, handler);
 }
 
@@ -318,9 +336,9 @@ Subscription subscribeCombined(const TypeList& delayedInputTypes, const TypeList
 template <typename Target, typename Event>
 Subscription subscribeCombined(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes, Target* target,
                                void (Target::*handler)(const Event&)) {
-  static_assert(isCheckedEventClass<Event>(), "");
+  static_assert(isCheckedEventClass<Event>());
   if (target == nullptr || handler == nullptr) {
-    return Subscription();
+    return {};
   }
   return Subscription::makeCombined(delayedInputTypes, triggerInputTypes, detail::makeMemberClient(target, handler));
 }

@@ -1,0 +1,341 @@
+// Event classes defined with Event<Class, Base>, and subscriptions owned by
+// Subscription handles: lambdas and member functions, for one name, a list
+// and a combined subscription, reset from outside and from inside their own
+// handler.
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "UnitTest.h"
+#include "vexutil/vexutil.h"
+
+namespace {
+
+using vexutil::eventmgr::Event;
+using vexutil::eventmgr::subscribe;
+using vexutil::eventmgr::subscribeCombined;
+using vexutil::eventmgr::Subscription;
+using vexutil::eventmgr::TypeList;
+
+class DocumentEvent : public Event<DocumentEvent> {
+ public:
+  explicit DocumentEvent(int document) : document_(document) {}
+  static const std::string& typeName() noexcept { return typeNameConstant("DocumentEvent"); }
+  int document() const noexcept { return document_; }
+
+ private:
+  int document_;
+};
+
+class EditEvent : public Event<EditEvent, DocumentEvent> {
+ public:
+  EditEvent(int document, std::uint64_t sequence) : Event(document), sequence_(sequence) {}
+  static const std::string& typeName() noexcept { return typeNameConstant("EditEvent"); }
+  std::uint64_t sequence() const noexcept { return sequence_; }
+
+ private:
+  std::uint64_t sequence_;
+};
+
+class CommitEvent : public Event<CommitEvent, DocumentEvent> {
+ public:
+  using Event::Event;
+  static const std::string& typeName() noexcept { return typeNameConstant("CommitEvent"); }
+};
+
+// An abstract class in the middle, and the helper over a hand-written base
+// whose copy constructor is compiler-generated (it copies the whole list).
+class ShapeEvent : public Event<ShapeEvent> {
+ public:
+  static const std::string& typeName() noexcept { return typeNameConstant("ShapeEvent"); }
+  virtual int corners() const = 0;
+};
+class SquareEvent : public Event<SquareEvent, ShapeEvent> {
+ public:
+  static const std::string& typeName() noexcept { return typeNameConstant("SquareEvent"); }
+  int corners() const override { return 4; }
+};
+class TaggedTestEvent : public Event<TaggedTestEvent, TestEvent> {
+ public:
+  using Event::Event;
+  static const std::string& typeName() noexcept { return typeNameConstant("TaggedTestEvent"); }
+};
+
+const Names kEditNames{"EditEvent", "DocumentEvent", "BaseEvent"};
+
+// Receives documents through member functions; counts on any thread.
+struct Editor {
+  void onDocument(const DocumentEvent& event) {
+    documents.push_back(event.document());
+    calls.add();
+  }
+  void onEdit(const EditEvent& event) {
+    edits.push_back(event.sequence());
+    calls.add();
+  }
+  std::vector<int> documents;  // Written on the dispatcher thread, read after a synchronous publish.
+  std::vector<std::uint64_t> edits;
+  Counter calls;
+};
+
+void publish(const BaseEvent& event) { EventMgr::instance()->publish(event, true); }
+unsigned subscriptions() { return EventMgr::instance()->getSubscriptionCount(); }
+
+// Proves: every constructor, the copy included, names the chain; clone copies the whole object.
+TEST(EventHelper, NamesTheChainInEveryConstructorAndClonesTheWholeObject) {
+  const EditEvent edit(3, 9);
+  EXPECT_EQ(edit.getTypes(), kEditNames);
+  const EditEvent copy(edit);  // NOLINT(performance-unnecessary-copy-initialization): the copy is under test.
+  EXPECT_EQ(copy.getTypes(), kEditNames);
+  const std::unique_ptr<BaseEvent> clone(edit.clone());
+  ASSERT_EQ(typeid(*clone), typeid(EditEvent));
+  EXPECT_EQ(clone->getTypes(), kEditNames);
+  EXPECT_EQ(static_cast<const EditEvent&>(*clone).sequence(), 9u);
+  EXPECT_EQ(static_cast<const EditEvent&>(*clone).document(), 3);
+  // The base part of a copy names only the base's chain.
+  // NOLINTNEXTLINE(cppcoreguidelines-slicing): the base part of a copy is under test.
+  EXPECT_EQ(DocumentEvent(edit).getTypes(), (Names{"DocumentEvent", "BaseEvent"}));
+  EXPECT_EQ(CommitEvent(5).getTypes(), (Names{"CommitEvent", "DocumentEvent", "BaseEvent"}));
+
+  const std::unique_ptr<BaseEvent> square(SquareEvent().clone());
+  EXPECT_EQ(square->getTypes(), (Names{"SquareEvent", "ShapeEvent", "BaseEvent"}));
+  EXPECT_EQ(dynamic_cast<const ShapeEvent&>(*square).corners(), 4);
+
+  const std::unique_ptr<BaseEvent> tagged(TaggedTestEvent(7).clone());
+  EXPECT_EQ(tagged->getTypes(), (Names{"TaggedTestEvent", "TestEvent", "BaseEvent"}));
+  EXPECT_EQ(static_cast<const TestEvent&>(*tagged).payload(), 7);
+}
+
+// Proves: lambda and member handles for one name, a list and a combined
+// subscription deliver what they subscribed, and destroying each handle
+// withdraws exactly its own subscriptions, also from another thread.
+TEST(SubscriptionHandle, DeliversAndWithdrawsExactlyWhatItSubscribed) {
+  const unsigned before = subscriptions();
+  Editor editor;
+  std::vector<std::uint64_t> lambdaEdits;
+  std::vector<std::uint64_t> batch;
+  Subscription oneName = subscribe([&](const EditEvent& edit) { lambdaEdits.push_back(edit.sequence()); });
+  Subscription list = subscribe(TypeList{"EditEvent", "CommitEvent"}, &editor, &Editor::onDocument);
+  Subscription member = subscribe(&editor, &Editor::onEdit);
+  Subscription combined = subscribeCombined({"EditEvent"}, {"CommitEvent"},
+                                            [&](const EditEvent& edit) { batch.push_back(edit.sequence()); });
+  EXPECT_EQ(subscriptions(), before + 6);
+
+  publish(EditEvent(1, 10));
+  publish(EditEvent(1, 11));
+  EXPECT_TRUE(batch.empty());
+  publish(CommitEvent(2));
+  EXPECT_EQ(lambdaEdits, (std::vector<std::uint64_t>{10, 11}));
+  EXPECT_EQ(editor.documents, (std::vector<int>{1, 1, 2}));
+  EXPECT_EQ(editor.edits, (std::vector<std::uint64_t>{10, 11}));
+  EXPECT_EQ(batch, (std::vector<std::uint64_t>{10, 11}));
+
+  list.reset();
+  EXPECT_FALSE(list.active());
+  EXPECT_EQ(subscriptions(), before + 4);
+  std::thread([handle = std::move(member)]() mutable { handle.reset(); }).join();
+  EXPECT_EQ(subscriptions(), before + 3);
+  {
+    const Subscription leaving = std::move(combined);
+    EXPECT_FALSE(combined.active());  // NOLINT(bugprone-use-after-move): moved-from owns nothing.
+  }
+  EXPECT_EQ(subscriptions(), before + 1);
+  publish(EditEvent(1, 12));
+  publish(CommitEvent(3));
+  EXPECT_EQ(lambdaEdits, (std::vector<std::uint64_t>{10, 11, 12}));
+  EXPECT_EQ(editor.documents.size(), 3u);
+  EXPECT_EQ(editor.edits.size(), 2u);
+  EXPECT_EQ(batch.size(), 2u);
+  oneName = Subscription();  // Move-assignment withdraws what the handle owned.
+  EXPECT_EQ(subscriptions(), before);
+}
+
+// Proves: two handles, or a handle and a raw ClientAdapter subscription of the
+// same object and handler, are distinct subscribers, each withdrawn alone.
+TEST(SubscriptionHandle, IdentitiesNeverCollide) {
+  const unsigned before = subscriptions();
+  Editor editor;
+  int first = 0;
+  int second = 0;
+  Subscription a = subscribe([&](const EditEvent&) { ++first; });
+  Subscription b = subscribe([&](const EditEvent&) { ++second; });
+  Subscription handleOfEditor = subscribe(&editor, &Editor::onEdit);
+  EventMgr::instance()->subscribe(EditEvent::typeName(), &editor, &Editor::onEdit);
+  EXPECT_EQ(subscriptions(), before + 4);
+  publish(EditEvent(1, 1));
+  EXPECT_EQ(first + second, 2);
+  EXPECT_EQ(editor.edits.size(), 2u);
+
+  a.reset();
+  handleOfEditor.reset();
+  publish(EditEvent(1, 2));
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 2);
+  EXPECT_EQ(editor.edits.size(), 3u);  // The raw subscription stays.
+  EventMgr::instance()->unSubscribe(EditEvent::typeName(), &editor, &Editor::onEdit);
+  b.reset();
+  EXPECT_EQ(subscriptions(), before);
+}
+
+// Proves: a handle reset inside its own handler withdraws everything at once
+// and is not called again, not by the names later in the same delivery (list:
+// one EditEvent reaches "EditEvent" then "DocumentEvent"), nor by the rest of
+// a batch (combined: three held edits); other subscribers of the delivery
+// still get it. Runs for a lambda and a member function.
+TEST(SubscriptionHandle, ResetInsideItsOwnHandlerEndsEverythingAtOnce) {
+  const unsigned before = subscriptions();
+  struct SelfEnding {
+    void onEdit(const EditEvent& /*edit*/) {
+      ++calls;
+      handle.reset();
+    }
+    Subscription handle;
+    int calls = 0;
+  };
+  int lambdaCalls = 0;
+  int bystanderCalls = 0;
+  Subscription lambdaHandle;
+  SelfEnding member;
+  std::vector<Subscription> bystanders;
+  bystanders.push_back(subscribe(TypeList{"EditEvent", "DocumentEvent"}, [&](const BaseEvent&) { ++bystanderCalls; }));
+
+  // List: the same EditEvent comes once per name.
+  lambdaHandle = subscribe(TypeList{"EditEvent", "DocumentEvent"}, [&](const EditEvent&) {
+    ++lambdaCalls;
+    lambdaHandle.reset();
+  });
+  member.handle = subscribe(TypeList{"EditEvent", "DocumentEvent"}, &member, &SelfEnding::onEdit);
+  publish(EditEvent(1, 1));
+  EXPECT_EQ(lambdaCalls, 1);
+  EXPECT_EQ(member.calls, 1);
+  EXPECT_EQ(bystanderCalls, 2);
+  EXPECT_EQ(subscriptions(), before + 2);
+
+  // Combined: the first edit of the batch ends it.
+  lambdaHandle = subscribeCombined({"EditEvent"}, {"CommitEvent"}, [&](const EditEvent&) {
+    ++lambdaCalls;
+    lambdaHandle.reset();
+  });
+  member.handle = subscribeCombined({"EditEvent"}, {"CommitEvent"}, &member, &SelfEnding::onEdit);
+  for (std::uint64_t sequence = 0; sequence < 3; ++sequence) {
+    publish(EditEvent(1, sequence));
+  }
+  publish(CommitEvent(1));
+  EXPECT_EQ(lambdaCalls, 2);
+  EXPECT_EQ(member.calls, 2);
+  EXPECT_EQ(subscriptions(), before + 2);
+
+  // One name, and nothing comes after the reset.
+  lambdaHandle = subscribe([&](const EditEvent&) {
+    ++lambdaCalls;
+    lambdaHandle.reset();
+  });
+  member.handle = subscribe(&member, &SelfEnding::onEdit);
+  publish(EditEvent(1, 5));
+  publish(EditEvent(1, 6));
+  EXPECT_EQ(lambdaCalls, 3);
+  EXPECT_EQ(member.calls, 3);
+  bystanders.clear();
+  EXPECT_EQ(subscriptions(), before);
+}
+
+// Proves: a reset from another thread while the handler runs returns only
+// after that call has ended. Interleaving: the dispatcher enters the handler
+// and waits; the resetter thread starts reset(); the handler is released and
+// checks that reset() has not returned yet.
+TEST(SubscriptionHandle, ResetFromAnotherThreadWaitsForTheRunningHandler) {
+  Gate entered;
+  Gate resetStarting;
+  std::atomic<bool> resetReturned{false};
+  std::atomic<bool> returnedEarly{false};
+  Subscription handle = subscribe([&](const EditEvent&) {
+    entered.open();
+    EXPECT_TRUE(resetStarting.wait());
+    returnedEarly = resetReturned.load();
+  });
+  EventMgr::instance()->publish(EditEvent(1, 1), false);
+  ASSERT_TRUE(entered.wait());
+  std::thread resetter([&] {
+    resetStarting.open();
+    handle.reset();
+    resetReturned = true;
+  });
+  resetter.join();
+  EXPECT_FALSE(returnedEarly.load());
+}
+
+// Proves: subscribing from inside a handler throws and leaves nothing behind.
+TEST(SubscriptionHandle, SubscribingOnTheDispatcherThreadThrowsAndLeavesNothing) {
+  const unsigned before = subscriptions();
+  bool threw = false;
+  Subscription outer = subscribe([&](const CommitEvent&) {
+    try {
+      Subscription inner = subscribe(TypeList{"A", "B"}, [](const BaseEvent&) {});
+    } catch (const NotifyDeadlockException&) {
+      threw = true;
+    }
+  });
+  publish(CommitEvent(1));
+  EXPECT_TRUE(threw);
+  EXPECT_EQ(subscriptions(), before + 1);
+}
+
+// A hand-written event class whose middle class forgets clone(), and one
+// whose copy constructor loses the derived name: no subscribe template sees
+// them, so publish catches them in builds with assertions.
+class MiddleEvent : public BaseEvent {
+ public:
+  MiddleEvent() : MiddleEvent(Names{}) {}
+  MiddleEvent* clone() const override { return new MiddleEvent(*this); }
+  static const std::string& typeName() noexcept {
+    static const std::string* const name =
+        new std::string("MiddleEvent");  // NOLINT(bugprone-unhandled-exception-at-new)
+    return *name;
+  }
+
+ protected:
+  explicit MiddleEvent(Names names) : BaseEvent(withName(std::move(names))) {}
+
+ private:
+  static Names withName(Names names) {
+    names.push_back(typeName());
+    return names;
+  }
+};
+class LeafWithoutClone : public MiddleEvent {
+ public:
+  LeafWithoutClone() : MiddleEvent(Names{"LeafWithoutClone"}) {}
+};
+class LeafLosingItsName : public MiddleEvent {
+ public:
+  LeafLosingItsName() : MiddleEvent(Names{"LeafLosingItsName"}) {}
+  // The mistake under test: the copy names only the middle class.
+  // NOLINTNEXTLINE(bugprone-copy-constructor-init,readability-redundant-member-init)
+  LeafLosingItsName(const LeafLosingItsName& /*other*/) : MiddleEvent() {}
+  LeafLosingItsName* clone() const override { return new LeafLosingItsName(*this); }
+};
+// A hand-written class below a helper class, without clone().
+class HandWrittenBelowHelper : public DocumentEvent {
+ public:
+  HandWrittenBelowHelper() : DocumentEvent(1) {}
+};
+
+// Proves: each unfaithful copy aborts the publish with a message naming it.
+TEST(PublishCheckDeathTest, AnUnfaithfulCopyAbortsWithAClearMessage) {
+#ifdef NDEBUG
+  GTEST_SKIP() << "checked only in builds with assertions";
+#else
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(publish(LeafWithoutClone()),
+               "clone\\(\\) of an event of class .*LeafWithoutClone returned an object "
+               "of class .*MiddleEvent.*does not override clone");
+  EXPECT_DEATH(publish(LeafLosingItsName()),
+               "has the type names MiddleEvent::BaseEvent:: instead of LeafLosingItsName::MiddleEvent::BaseEvent::");
+  EXPECT_DEATH(publish(HandWrittenBelowHelper()), "does not override clone\\(\\)");
+#endif
+}
+
+}  // namespace
