@@ -11,6 +11,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -24,9 +25,11 @@
 
 #include "Corvane/System/IUserException.h"
 #include "DiagnosticsHooks.h"
+#include "EventDispatcher.h"
 #include "Instance.h"
 #include "TypeNames.h"
 #include "libhx.h"
+#include "vexutil/eventmgr/ClientAdapter.h"
 #include "vexutil/eventmgr/EventMgr.h"
 
 // NOLINTBEGIN: the semaphores' names and section are fixed by <sys/sdt.h>.
@@ -36,7 +39,7 @@ extern "C" {
 VEXUTIL_DEFINE_SEMAPHORE(publish);
 VEXUTIL_DEFINE_SEMAPHORE(dequeue);
 VEXUTIL_DEFINE_SEMAPHORE(notify_start);
-VEXUTIL_DEFINE_SEMAPHORE(notify_end);
+__attribute__((alias("vexutil_notify_start_semaphore"))) extern volatile unsigned short vexutil_notify_end_semaphore;
 VEXUTIL_DEFINE_SEMAPHORE(subscribe);
 VEXUTIL_DEFINE_SEMAPHORE(unsubscribe);
 VEXUTIL_DEFINE_SEMAPHORE(sync_wait_start);
@@ -52,6 +55,7 @@ namespace diagnostics {
 
 std::atomic<std::int64_t> notifyThresholdNs{0};
 std::atomic<std::int64_t> queueThresholdNs{0};
+std::atomic<std::int64_t> tickNs{0};
 DispatcherCounts dispatcherCounts;
 
 namespace {
@@ -143,6 +147,80 @@ class PublishCounter {
   std::atomic<std::uint64_t> unslotted_{0};
 };
 
+// Keeps tickNs current while a threshold is set; ends when none is. See
+// DiagnosticsHooks.h.
+class Ticker {
+ public:
+  Ticker() = default;
+  ~Ticker() { stop(); }
+  Ticker(const Ticker&) = delete;
+  Ticker& operator=(const Ticker&) = delete;
+
+  std::int64_t start() noexcept {
+    try {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (!running_ && !stopped_ && period() != 0) {
+        if (thread_.joinable()) {
+          thread_.join();  // Ended by itself, and out of the lock already.
+        }
+        tickNs.store(nowNs(), std::memory_order_relaxed);
+        thread_ = std::thread(&Ticker::run, this);
+        running_ = true;
+      }
+    } catch (...) {  // NOLINT(bugprone-empty-catch): no thread, no timing.
+    }
+    return tickNs.load(std::memory_order_relaxed);
+  }
+  // A threshold changed: the next tick follows the new period.
+  void wake() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    changed_.notify_all();
+  }
+  void stop() noexcept {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      stopped_ = true;
+      changed_.notify_all();
+    }
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+ private:
+  // The tick length for the thresholds set now, 0 if none is.
+  static std::int64_t period() noexcept {
+    const std::int64_t notify = notifyThresholdNs.load(std::memory_order_relaxed);
+    const std::int64_t queue = queueThresholdNs.load(std::memory_order_relaxed);
+    const std::int64_t smaller = notify <= 0 ? queue : queue <= 0 ? notify : std::min(notify, queue);
+    if (smaller <= 0) {
+      return 0;
+    }
+    constexpr std::int64_t kShortest = 1'000'000;
+    constexpr std::int64_t kLongest = 100'000'000;
+    return std::min(std::max(smaller / 8, kShortest), kLongest);
+  }
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      const std::int64_t length = period();
+      if (length == 0 || stopped_) {
+        break;
+      }
+      tickNs.store(nowNs(), std::memory_order_relaxed);
+      changed_.wait_for(lock, std::chrono::nanoseconds(length));
+    }
+    tickNs.store(0, std::memory_order_relaxed);
+    running_ = false;
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool running_ = false;  // Guarded by mutex_.
+  bool stopped_ = false;  // Guarded by mutex_; for good, at unload.
+  std::thread thread_;    // Started and joined under mutex_, or in stop().
+};
+
 // The rest of the shared state.
 struct State {
   State() {
@@ -163,6 +241,7 @@ struct State {
   }
 
   PublishCounter publishCounter;
+  Ticker ticker;
 
   std::mutex observerMutex;
   std::shared_ptr<const DiagnosticObserver> observer;  // Guarded by observerMutex.
@@ -257,6 +336,8 @@ bool dueForReport(std::uint64_t classId, std::uint64_t instanceId, const std::st
 
 void countPublished() noexcept { state.publishCounter.count(); }
 
+std::int64_t startTicker() noexcept { return state.ticker.start(); }
+
 void reportSlowQueueWait(const BaseEvent& event, std::int64_t waitedNs) noexcept {
   try {
     if (!dueForReport(0, 0, event.getTypes().front())) {
@@ -272,10 +353,20 @@ void reportSlowQueueWait(const BaseEvent& event, std::int64_t waitedNs) noexcept
   }
 }
 
-void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
+void probeNotifyEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
   const std::int64_t tookNs = nowNs() - startNs;
-  if (VEXUTIL_PROBE_ENABLED(notify_end)) {
-    STAP_PROBE4(vexutil, notify_end, typeOf(event), client.getClassId(), client.getInstanceId(), tookNs);
+  STAP_PROBE4(vexutil, notify_end, typeOf(event), client.getClassId(), client.getInstanceId(), tookNs);
+}
+
+void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startTick) noexcept {
+  const std::int64_t tookNs = nowNs() - startTick;
+  // The dispatcher's own subscription runs the manager's requests, a
+  // synchronous delivery among them, whose subscribers are timed each on
+  // their own: its time is nobody's.
+  static const std::uint64_t requestRunnerClassId =
+      ClientAdapter<EventDispatcher, BaseEvent>(nullptr, nullptr).getClassId();
+  if (client.getClassId() == requestRunnerClassId) {
+    return;
   }
   try {
     if (tookNs > dispatcherCounts.longestNotifyNs.load(std::memory_order_relaxed)) {
@@ -398,6 +489,7 @@ void Diagnostics::setObserver(DiagnosticObserver observer) {
 
 void Diagnostics::setSlowNotifyThreshold(std::chrono::nanoseconds threshold) noexcept {
   diagnostics::notifyThresholdNs.store(std::max<std::int64_t>(threshold.count(), 0), std::memory_order_relaxed);
+  state.ticker.wake();
 }
 
 std::chrono::nanoseconds Diagnostics::getSlowNotifyThreshold() noexcept {
@@ -406,6 +498,7 @@ std::chrono::nanoseconds Diagnostics::getSlowNotifyThreshold() noexcept {
 
 void Diagnostics::setSlowQueueThreshold(std::chrono::nanoseconds threshold) noexcept {
   diagnostics::queueThresholdNs.store(std::max<std::int64_t>(threshold.count(), 0), std::memory_order_relaxed);
+  state.ticker.wake();
 }
 
 std::chrono::nanoseconds Diagnostics::getSlowQueueThreshold() noexcept {

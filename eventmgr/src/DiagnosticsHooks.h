@@ -22,6 +22,17 @@
 //   deadlock_report  (request address, polls)
 // tests/tracepoints_test.sh checks this list against the built library.
 //
+// notify_start and notify_end share one semaphore (the second is an alias of
+// the first), so that a notify() tests one word.
+//
+// Timing without clock reads: while a threshold is set, a ticker thread
+// stores the steady clock in `tickNs` every tick (an eighth of the smaller
+// threshold, 1 ms at least, 100 ms at most). A queued event and a notify()
+// take the tick, a plain load, at their start and end; the clock itself is
+// read only when the tick moved on meanwhile, which a short notify() almost
+// never sees. A time so measured, now minus the tick at the start, is never
+// below the true one and at most a tick (plus the ticker's lateness) above.
+//
 // Counters that the dispatcher writes are relaxed atomics written with a
 // plain load and store (one writer), grouped under a sequence number so that
 // a snapshot sees them as of one moment between two deliveries.
@@ -73,6 +84,17 @@ inline std::int64_t nowNs() noexcept {
 extern std::atomic<std::int64_t> notifyThresholdNs;
 extern std::atomic<std::int64_t> queueThresholdNs;
 
+// The ticker's latest clock reading; 0 while no ticker runs.
+extern std::atomic<std::int64_t> tickNs;
+// Starts the ticker if it does not run; returns the current tick, or 0 if no
+// ticker could be started (nothing is timed then).
+std::int64_t startTicker() noexcept;
+
+inline std::int64_t currentTick() noexcept {
+  const std::int64_t tick = tickNs.load(std::memory_order_relaxed);
+  return tick != 0 ? tick : startTicker();
+}
+
 // Written by the dispatcher thread only (load and store), read by snapshots.
 struct DispatcherCounts {
   std::atomic<std::uint64_t> sequence{0};  // Odd while the values below change.
@@ -107,7 +129,8 @@ inline void endCountsChange() noexcept {
 
 void countPublished() noexcept;
 void reportSlowQueueWait(const BaseEvent& event, std::int64_t waitedNs) noexcept;
-void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept;
+void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startTick) noexcept;
+void probeNotifyEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept;
 void finishCountedDelivery(const BaseEvent& event, std::uint64_t exceptionsBefore) noexcept;
 void probeSubscription(const std::string& eventType, const ClientProxy& client, bool subscribe) noexcept;
 
@@ -131,8 +154,11 @@ inline void notePublished(const BaseEvent& event, bool synchronous) noexcept {
 // enqueue(): the time stamp a queued entry carries; 0 unless its wait will
 // be judged or traced.
 inline std::int64_t queueStamp() noexcept {
-  if (queueThresholdNs.load(std::memory_order_relaxed) > 0 || VEXUTIL_PROBE_ENABLED(dequeue)) {
+  if (VEXUTIL_PROBE_ENABLED(dequeue)) {
     return nowNs();
+  }
+  if (queueThresholdNs.load(std::memory_order_relaxed) > 0) {
+    return currentTick();
   }
   return 0;
 }
@@ -170,9 +196,8 @@ class DeliveryOutcome {
     }
     if (stampNs != 0) {
       const std::int64_t threshold = queueThresholdNs.load(std::memory_order_relaxed);
-      const std::int64_t waited = nowNs() - stampNs;
-      if (threshold > 0 && waited > threshold) {
-        reportSlowQueueWait(event, waited);
+      if (threshold > 0 && currentTick() - stampNs > threshold) {
+        reportSlowQueueWait(event, nowNs() - stampNs);
       }
     }
     if (counted_) {
@@ -204,16 +229,20 @@ inline void noteSubscribersFound() noexcept {
 class NotifyTimer {
  public:
   NotifyTimer(const ClientProxy& client, const BaseEvent& event) noexcept : client_(client), event_(event) {
-    if (VEXUTIL_PROBE_ENABLED(notify_start)) {
+    if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
       STAP_PROBE3(vexutil, notify_start, typeOf(event), client.getClassId(), client.getInstanceId());
-    }
-    if (notifyThresholdNs.load(std::memory_order_relaxed) > 0 || VEXUTIL_PROBE_ENABLED(notify_end)) {
       startNs_ = nowNs();
+    }
+    if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
+      startTick_ = currentTick();
     }
   }
   ~NotifyTimer() {
     if (startNs_ != 0) {
-      finishTimedNotify(client_, event_, startNs_);
+      probeNotifyEnd(client_, event_, startNs_);
+    }
+    if (startTick_ != 0 && tickNs.load(std::memory_order_relaxed) > startTick_) {
+      finishTimedNotify(client_, event_, startTick_);
     }
   }
   NotifyTimer(const NotifyTimer&) = delete;
@@ -222,7 +251,8 @@ class NotifyTimer {
  private:
   const ClientProxy& client_;
   const BaseEvent& event_;
-  std::int64_t startNs_ = 0;
+  std::int64_t startNs_ = 0;    // For the tracer.
+  std::int64_t startTick_ = 0;  // For the threshold.
 };
 
 // reportFailure(), inside the handler that caught a subscriber's exception.

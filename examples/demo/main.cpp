@@ -24,6 +24,7 @@
 #include "libhx.h"
 #include "vexutil/contextmgr/ContextRegistry.h"
 #include "vexutil/eventmgr/ClientAdapter.h"
+#include "vexutil/eventmgr/Diagnostics.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/NotifyDeadlockException.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
@@ -38,6 +39,7 @@ using vexutil::contextmgr::ContextFactoryBase;
 using vexutil::contextmgr::ContextRegistry;
 using vexutil::eventmgr::BaseEvent;
 using vexutil::eventmgr::ClientAdapter;
+using vexutil::eventmgr::Diagnostics;
 using vexutil::eventmgr::EventMgr;
 using vexutil::eventmgr::NotifyDeadlockException;
 using vexutil::eventmgr::ToDoAdapter;
@@ -202,6 +204,16 @@ class FlakyPlugin {
   }
   Counter seen{0};
   Counter failures{0};
+};
+
+// Takes longer over every input than the slow-notify threshold of step 4b.
+class SlowRenderer {
+ public:
+  void onInput(const InputRequestEvent& /*event*/) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    bump(seen);
+  }
+  Counter seen{0};
 };
 
 // Makes requests from inside its handler: some are refused, some allowed.
@@ -541,6 +553,25 @@ int runDemo(const Options& options) {
   // A no-op when the handler's own unSubscribe worked; makes sure either way.
   manager->unSubscribe(InputRequestEvent::typeName(), &meddler, &Meddler::onInput);
 
+  // --- 4b. Diagnostics ---------------------------------------------------------------
+  say.blank();
+  say.line("4b. Diagnostics: a subscriber slower than a 20 ms threshold is named (at most once per 10 s)");
+  {
+    SlowRenderer renderer;
+    Diagnostics::setSlowNotifyThreshold(std::chrono::milliseconds(20));
+    manager->subscribe(InputRequestEvent::typeName(), &renderer, &SlowRenderer::onInput);
+    for (int i = 0; i < 3; ++i) {
+      manager->publish(InputRequestEvent(kFollowUpStatus + 1, 0, 0, false));
+    }
+    manager->unSubscribe(InputRequestEvent::typeName(), &renderer, &SlowRenderer::onInput);
+    Diagnostics::setSlowNotifyThreshold(std::chrono::nanoseconds(0));
+    const vexutil::eventmgr::EventCounts counts = Diagnostics::getCounts();
+    say.check(read(renderer.seen) == 3 && counts.longestNotifySubscriber.find("SlowRenderer") != std::string::npos,
+              format("3 slow inputs, one report; the longest notify so far took %s, in %s",
+                     humanTime(static_cast<double>(counts.longestNotify.count()) / 1000.0).c_str(),
+                     counts.longestNotifySubscriber.c_str()));
+  }
+
   // --- 5. Context registry -----------------------------------------------------------
   say.blank();
   say.line("5. Context registry");
@@ -728,6 +759,12 @@ int runDemo(const Options& options) {
   const unsigned int finalPending = manager->getPendingEventCount();
   say.check(finalSubscriptions == 0 && finalPending == 0,
             format("%u subscriptions, %u events pending: nothing left to deliver", finalSubscriptions, finalPending));
+  const vexutil::eventmgr::EventCounts counts = Diagnostics::getCounts();
+  say.check(counts.published == counts.delivered + counts.failed + counts.noSubscriber,
+            format("counts: %llu published = %llu delivered + %llu failed + %llu with no subscriber (last \"%s\"); "
+                   "queue high-water mark %llu",
+                   u(counts.published), u(counts.delivered), u(counts.failed), u(counts.noSubscriber),
+                   counts.lastNoSubscriberType.c_str(), u(counts.queueHighWater)));
   say.line("   returning from main: at exit the manager stops and joins its dispatcher thread,");
   say.line("   and EventMgr::instance() hands out a no-op manager from then on");
 
