@@ -1,0 +1,39 @@
+# Runs the README's commands that install the library and build the hello
+# program against the installed package, as a newcomer would type them: the
+# first ```sh block of README.md that contains "cmake --install". The install
+# prefix, the build directory and the path of hello.cpp are pointed at this
+# build and a scratch directory; everything else runs as written, with bash
+# stopping at the first failing command. Both builds (CMake, pkg-config) must
+# print the hello program's greeting.
+#
+#   cmake -DREADME=<README.md> -DSOURCE_DIR=<source> -DBUILD_DIR=<build> -DWORK_DIR=<scratch>
+#         -P RunReadmeCommands.cmake
+foreach(var README SOURCE_DIR BUILD_DIR WORK_DIR)
+  if(NOT DEFINED ${var})
+    message(FATAL_ERROR "RunReadmeCommands.cmake needs ${var}")
+  endif()
+endforeach()
+
+file(READ "${README}" text)
+string(REGEX MATCH "```sh\n[^`]*cmake --install[^`]*```" block "${text}")
+if(NOT block)
+  message(FATAL_ERROR "${README}: no ```sh block with cmake --install")
+endif()
+string(REGEX REPLACE "^```sh\n" "" commands "${block}")
+string(REGEX REPLACE "```$" "" commands "${commands}")
+string(REPLACE "/opt/vexutil" "${WORK_DIR}/prefix" commands "${commands}")
+string(REPLACE "build/default" "${BUILD_DIR}" commands "${commands}")
+string(REPLACE "examples/hello.cpp" "${SOURCE_DIR}/examples/hello.cpp" commands "${commands}")
+
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+file(WRITE "${WORK_DIR}/commands.sh" "set -euo pipefail\n${commands}")
+execute_process(COMMAND bash "${WORK_DIR}/commands.sh"
+  WORKING_DIRECTORY "${WORK_DIR}"
+  RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+string(REGEX MATCHALL "input requested: status 0x00020301, flag on" greetings "${out}")
+list(LENGTH greetings count)
+if(NOT result EQUAL 0 OR NOT count EQUAL 2)
+  message(FATAL_ERROR "the README's install commands failed (exit ${result}, ${count} of 2 greetings)\n"
+    "--- commands ---\n${commands}\n--- standard output ---\n${out}\n--- standard error ---\n${err}")
+endif()
