@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever this project needs that the machine lacks.
-# Usage: scripts/install-deps.sh [core|all]
-#   core: building the library, the demo and the tests (default)
-#   all:  also the systems that the comparison benchmark measures
+# Usage: scripts/install-deps.sh [core|all|packaging]
+#   core:      building the library, the demo and the tests (default)
+#   all:       also the systems that the comparison benchmark measures
+#   packaging: also the Debian package build, lintian and the ABI check tools
 set -euo pipefail
 
 group="${1:-core}"
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libgtest-dev libgmock-dev libbenchmark-dev)
-if [ "$group" = "all" ]; then
-  packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox)
-fi
+case "$group" in
+  core) ;;
+  all) packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox) ;;
+  packaging) packages+=(debhelper dpkg-dev fakeroot lintian abigail-tools binutils) ;;
+  *) echo "unknown group: $group (core, all or packaging)" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
