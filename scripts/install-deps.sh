@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever this project needs that the machine lacks.
-# Usage: scripts/install-deps.sh [core|all|docs]
-#   core: building the library, the demo and the tests (default)
-#   all:  also the systems that the comparison benchmark measures
-#   docs: also Doxygen and Graphviz, for the API reference (target `docs`)
+# Usage: scripts/install-deps.sh [core|all|packaging|docs]
+#   core:      building the library, the demo and the tests (default)
+#   all:       also the systems that the comparison benchmark measures
+#   packaging: also the Debian package build, lintian and the ABI check tools
+#   docs:      also Doxygen and Graphviz, for the API reference (target `docs`)
 set -euo pipefail
 
 group="${1:-core}"
@@ -12,11 +13,9 @@ packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-d
 case "$group" in
   core) ;;
   all) packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox) ;;
+  packaging) packages+=(debhelper dpkg-dev fakeroot lintian abigail-tools binutils) ;;
   docs) packages+=(doxygen graphviz) ;;
-  *)
-    echo "usage: $0 [core|all|docs]" >&2
-    exit 2
-    ;;
+  *) echo "unknown group: $group (core, all, packaging or docs)" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -1,7 +1,12 @@
 // Uses the installed library as a host would: a subscriber, three events,
-// a synchronous publish to wait for them, and the version string.
+// a synchronous publish to wait for them, and the version string. The host
+// platform's headers come from the exported target's (or pkg-config's)
+// include path, wherever the platform is installed.
 #include <atomic>
 #include <cstdio>
+
+#include "Corvane/System/ThreadId.h"
+#include "libhx.h"
 
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/inputreqevt/InputRequestEvent.h"

@@ -1,0 +1,143 @@
+#!/usr/bin/env bash
+# Guards the binary interface of libvexutil.so against the committed baseline
+# abi/libvexutil.abi (libabigail's ABI description of the public interface).
+#
+# Usage: scripts/abi.sh check | baseline | prove
+#   check     build the library with debug information, prove the debug
+#             information is there, and compare its interface with the
+#             baseline: any difference except added functions and variables
+#             fails (exit 1).
+#   baseline  build the library and write its interface to the baseline.
+#             Only for an intended change: an addition, or a break that comes
+#             with a new SONAME (raise the first number of the project's
+#             VERSION in CMakeLists.txt, rename the version node in
+#             cmake/vexutil.map and the runtime package in debian/control to
+#             match, then run this).
+#   prove     show that the check catches the breaks it exists for: in a
+#             scratch copy of the tree, a virtual function added in the middle
+#             of EventMgr, then a data member added to InputRequestEvent; each
+#             must fail the check.
+# Environment: ABI_BUILD_DIR (default build/abi) is the build directory;
+# CMAKE_CXX_COMPILER_LAUNCHER is honoured by CMake if set.
+set -euo pipefail
+source_dir="$(cd "$(dirname "$0")/.." && pwd)"
+baseline="$source_dir/abi/libvexutil.abi"
+build_dir="${ABI_BUILD_DIR:-$source_dir/build/abi}"
+
+for tool in abidw abidiff readelf; do
+  if ! command -v "$tool" >/dev/null; then
+    echo "abi.sh: $tool is missing (scripts/install-deps.sh packaging installs it)" >&2
+    exit 2
+  fi
+done
+
+# build SOURCE BUILD: the library alone, optimised and with debug information
+# (abidiff compares types from DWARF), and its public headers installed into
+# BUILD/headers-prefix for abidw and abidiff to tell public types from private.
+build() {
+  local source="$1" build="$2"
+  cmake -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXUTIL_BUILD_TESTS=OFF \
+    -DVEXUTIL_BUILD_BENCHMARKS=OFF -DVEXUTIL_BUILD_EXAMPLES=OFF >/dev/null
+  cmake --build "$build" --target vexutil >/dev/null
+  rm -rf "$build/headers-prefix"
+  cmake --install "$build" --component development --prefix "$build/headers-prefix" >/dev/null
+}
+
+# library BUILD: the path of the built shared library, after proving that it
+# carries debug information describing the interface. Without it abidiff sees
+# symbols only and passes a changed class layout silently.
+library() {
+  local lib
+  lib="$(readlink -f "$1/libvexutil.so")"
+  if ! readelf -S --wide "$lib" | grep -q ' \.debug_info '; then
+    echo "abi.sh: $lib has no debug information; the comparison would miss layout changes" >&2
+    exit 1
+  fi
+  echo "$lib"
+}
+
+dump() {
+  local build="$1" out="$2" lib
+  lib="$(library "$build")"
+  abidw --drop-private-types --no-corpus-path --no-comp-dir-path --short-locs \
+    --headers-dir "$build/headers-prefix/include" --out-file "$out" "$lib"
+  # The dump must describe the classes themselves, not only their symbols.
+  for class in EventMgr InputRequestEvent BaseEvent; do
+    if ! grep -q "class-decl name='$class'" "$out"; then
+      echo "abi.sh: the description of $lib lacks the class $class" >&2
+      exit 1
+    fi
+  done
+}
+
+# compare BUILD LIBRARY: 0 when LIBRARY (checked by library() beforehand, out
+# of any condition, so that a missing debug information stops the script)
+# keeps the baseline's ABI.
+compare() {
+  local build="$1" lib="$2" status=0
+  # Every non-zero exit is a failure: a changed data member only sets the bit
+  # that a harmless addition sets too, which --no-added-syms suppresses.
+  abidiff --no-added-syms --drop-private-types --hd2 "$build/headers-prefix/include" \
+    "$baseline" "$lib" || status=$?
+  return "$status"
+}
+
+case "${1:-}" in
+  check)
+    build "$source_dir" "$build_dir"
+    lib="$(library "$build_dir")"
+    if compare "$build_dir" "$lib"; then
+      echo "abi.sh: the interface matches abi/libvexutil.abi (additions allowed)"
+    else
+      echo "abi.sh: the interface differs from abi/libvexutil.abi (see above)." >&2
+      echo "abi.sh: if the change is intended, read 'scripts/abi.sh' on regenerating the baseline." >&2
+      exit 1
+    fi
+    ;;
+  baseline)
+    build "$source_dir" "$build_dir"
+    mkdir -p "$(dirname "$baseline")"
+    dump "$build_dir" "$baseline"
+    echo "abi.sh: wrote abi/libvexutil.abi; commit it with the change that needs it"
+    ;;
+  prove)
+    scratch="$(mktemp -d)"
+    trap 'rm -rf "$scratch"' EXIT
+    # The working tree's versions of the tracked files.
+    (cd "$source_dir" && git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$scratch")
+    declare -A breaks=(
+      [virtual]="eventmgr/include/vexutil/eventmgr/EventMgr.h"
+      [member]="inputreqevt/include/vexutil/inputreqevt/InputRequestEvent.h"
+    )
+    for kind in virtual member; do
+      header="$scratch/${breaks[$kind]}"
+      cp "$header" "$header.orig"
+      if [ "$kind" = virtual ]; then
+        # Before the second virtual member function of EventMgr: every slot
+        # after it moves.
+        awk '/^class VEXUTIL_API EventMgr/ { inside = 1 }
+             inside && /^  virtual [^~]/ && ++seen == 2 { print "  virtual void abiProbe() {}"; done = 1 }
+             { print } END { exit !done }' "$header.orig" >"$header"
+      else
+        # First in InputRequestEvent's private data: every member after it moves.
+        awk '/^class VEXUTIL_API InputRequestEvent/ { inside = 1 }
+             { print } inside && /^ private:/ && !done { print "  std::int32_t abiProbe_ = 0;"; done = 1 }
+             END { exit !done }' "$header.orig" >"$header"
+      fi
+      # A build directory of its own, so that each break is judged alone.
+      build "$scratch" "$scratch/build-$kind"
+      lib="$(library "$scratch/build-$kind")"
+      if compare "$scratch/build-$kind" "$lib" >"$scratch/abidiff-$kind.txt"; then
+        echo "abi.sh: the check missed the break ($kind in ${breaks[$kind]})" >&2
+        exit 1
+      fi
+      echo "abi.sh: the check caught the break ($kind in ${breaks[$kind]}):"
+      grep -E "abiProbe|offset" "$scratch/abidiff-$kind.txt" | head -n 3 | sed 's/^/    /' || true
+      mv "$header.orig" "$header"
+    done
+    ;;
+  *)
+    sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'
+    exit 2
+    ;;
+esac
