@@ -82,6 +82,9 @@ namespace detail {
 /// (an address inside the library), the proxy's own address as instance id,
 /// so that no two live ones are the same subscriber and none is the same as
 /// a ClientAdapter. Once deactivated, it calls nothing.
+///
+/// Thread safety: notify() runs on the dispatcher thread; deactivate() may be
+/// called from any thread at any time (an atomic flag).
 class VEXUTIL_API HandleClient : public ClientProxy {
  public:
   ~HandleClient() override;
