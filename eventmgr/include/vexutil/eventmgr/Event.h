@@ -43,6 +43,12 @@
 /// derived from Class that does not override clone() would otherwise be
 /// published as a Class.
 ///
+/// ### Modules that are unloaded
+/// typeNameConstant() keeps the name in a static of the template, which GCC
+/// gives the binding STB_GNU_UNIQUE: a plug-in that defines events this way
+/// and is meant to be unloaded is built with `-fno-gnu-unique`, as
+/// ClientAdapter.h says for subscribers.
+///
 /// ### Thread safety
 /// As BaseEvent: an event is immutable once published. typeNameConstant()
 /// may be called from any thread; its first call makes the string.

@@ -120,7 +120,9 @@ class VEXUTIL_API EventMgr {
   /// Throws NotifyDeadlockException for a synchronous publish on the
   /// dispatcher thread, and whatever clone() throws (nothing is queued then).
   /// An event whose clone() returns null is not published.
-  /// \pre `event`'s class overrides clone() (see BaseEvent). For a
+  /// \pre `event`'s class overrides clone() (see BaseEvent); a library built
+  ///      with assertions aborts with a message naming the class when the
+  ///      copy has another class or other type names (EventChecks.h). For a
   ///      synchronous publish: not on the dispatcher thread, and the calling
   ///      thread holds nothing that a subscriber may wait for.
   /// \post The caller may change or destroy `event` as soon as the call
@@ -251,6 +253,8 @@ class VEXUTIL_API EventMgr {
   /// Subscribes `handler` of `target` to `eventType`. The handler is called
   /// for events whose type list contains Event::typeName(). A null target or
   /// handler is a no-op. The target must stay alive until it is unsubscribed.
+  /// Event is checked at compile time (EventChecks.h). The subscribe
+  /// functions of Subscription.h return a handle that unsubscribes itself.
   /// \pre As subscribe(const std::string&, const ClientPtr&).
   /// \post The subscriber is identified by `target` and the Target/Event
   ///       pair: subscribing another member function of the same pair to

@@ -82,6 +82,9 @@ namespace detail {
 /// (an address inside the library), the proxy's own address as instance id,
 /// so that no two live ones are the same subscriber and none is the same as
 /// a ClientAdapter. Once deactivated, it calls nothing.
+///
+/// Thread safety: notify() runs on the dispatcher thread; deactivate() may be
+/// called from any thread at any time (an atomic flag).
 class VEXUTIL_API HandleClient : public ClientProxy {
  public:
   ~HandleClient() override;
@@ -195,10 +198,37 @@ std::string typeNameOf() {
   }
 }
 
+/// Calls a member function of an object with the events of class Event.
+template <typename Target, typename Event>
+class MemberClient final : public HandleClient {
+ public:
+  using Handler = void (Target::*)(const Event&);
+  MemberClient(Target* target, Handler handler) : target_(target), handler_(handler) {}
+
+  void notify(const BaseEvent& event) const override {
+    if (!isActive()) {
+      return;
+    }
+    if constexpr (!std::is_same<Event, BaseEvent>::value) {
+      if (!event.isOfType(Event::typeName())) {
+        return;
+      }
+    }
+    (target_->*handler_)(static_cast<const Event&>(event));
+  }
+
+ private:
+  Target* target_;
+  Handler handler_;
+};
+
 template <typename Target, typename Event>
 boost::shared_ptr<HandleClient> makeMemberClient(Target* target, void (Target::*handler)(const Event&)) {
-  auto call = [target, handler](const Event& event) { (target->*handler)(event); };
-  return makeCallableClient<Event>(std::move(call));
+  static_assert(isCheckedEventClass<Event>());
+  // Allocated as EventMgr's member subscribe allocates a ClientAdapter: a
+  // delivery walks the clients in address order, and touches only the client
+  // itself, not its count.
+  return boost::shared_ptr<HandleClient>(new MemberClient<Target, Event>(target, handler));
 }
 
 }  // namespace detail
