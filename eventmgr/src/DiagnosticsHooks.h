@@ -96,7 +96,9 @@ inline std::int64_t currentTick() noexcept {
 }
 
 // Written by the dispatcher thread only (load and store), read by snapshots.
-struct DispatcherCounts {
+// Lines of its own: publishers read the thresholds at every event, and must
+// not find them in a line that the dispatcher writes at every event.
+struct alignas(64) DispatcherCounts {
   std::atomic<std::uint64_t> sequence{0};  // Odd while the values below change.
   std::atomic<std::uint64_t> delivered{0};
   std::atomic<std::uint64_t> failed{0};
