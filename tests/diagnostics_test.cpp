@@ -219,6 +219,7 @@ TEST(Diagnostics, CountsAddUpAfterMultiThreadedRun) {
     }
   });
   std::vector<std::thread> publishers;
+  publishers.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     publishers.emplace_back([&] {
       ready.add();

@@ -621,8 +621,8 @@ void DefaultEventMgr::deliver(const EventPtr& event) noexcept {
 }
 
 void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept {
-  // diagnostics hook: notify start and end (tracepoints, slow-notify threshold)
-  const diagnostics::NotifyTimer timer(client, event);
+  // diagnostics hook: notify start (tracepoint, slow-notify threshold)
+  const std::int64_t notifyStart = diagnostics::notifyStarting(client, event);
   try {
     client.notify(event);
   } catch (const Corvane::System::IUserException& failure) {
@@ -630,6 +630,8 @@ void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& e
   } catch (...) {
     reportFailure(event, position, client, nullptr);
   }
+  // diagnostics hook: notify end (tracepoint, slow-notify threshold)
+  diagnostics::notifyEnded(client, event, notifyStart);
 }
 
 void DefaultEventMgr::reportFailure(const BaseEvent& event, std::size_t position, const ClientProxy& client,

@@ -353,13 +353,19 @@ void reportSlowQueueWait(const BaseEvent& event, std::int64_t waitedNs) noexcept
   }
 }
 
-void probeNotifyEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
-  const std::int64_t tookNs = nowNs() - startNs;
-  STAP_PROBE4(vexutil, notify_end, typeOf(event), client.getClassId(), client.getInstanceId(), tookNs);
+std::int64_t probeNotifyStart(const ClientProxy& client, const BaseEvent& event) noexcept {
+  STAP_PROBE3(vexutil, notify_start, typeOf(event), client.getClassId(), client.getInstanceId());
+  return nowNs();
 }
 
-void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startTick) noexcept {
-  const std::int64_t tookNs = nowNs() - startTick;
+void finishNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
+  const std::int64_t tookNs = nowNs() - startNs;
+  if (VEXUTIL_PROBE_ENABLED(notify_end)) {
+    STAP_PROBE4(vexutil, notify_end, typeOf(event), client.getClassId(), client.getInstanceId(), tookNs);
+  }
+  if (notifyThresholdNs.load(std::memory_order_relaxed) <= 0) {
+    return;
+  }
   // The dispatcher's own subscription runs the manager's requests, a
   // synchronous delivery among them, whose subscribers are timed each on
   // their own: its time is nobody's.

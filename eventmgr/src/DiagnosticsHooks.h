@@ -96,7 +96,9 @@ inline std::int64_t currentTick() noexcept {
 }
 
 // Written by the dispatcher thread only (load and store), read by snapshots.
-struct DispatcherCounts {
+// Lines of its own: publishers read the thresholds at every event, and must
+// not find them in a line that the dispatcher writes at every event.
+struct alignas(64) DispatcherCounts {
   std::atomic<std::uint64_t> sequence{0};  // Odd while the values below change.
   std::atomic<std::uint64_t> delivered{0};
   std::atomic<std::uint64_t> failed{0};
@@ -129,8 +131,8 @@ inline void endCountsChange() noexcept {
 
 void countPublished() noexcept;
 void reportSlowQueueWait(const BaseEvent& event, std::int64_t waitedNs) noexcept;
-void finishTimedNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startTick) noexcept;
-void probeNotifyEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept;
+std::int64_t probeNotifyStart(const ClientProxy& client, const BaseEvent& event) noexcept;
+void finishNotify(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept;
 void finishCountedDelivery(const BaseEvent& event, std::uint64_t exceptionsBefore) noexcept;
 void probeSubscription(const std::string& eventType, const ClientProxy& client, bool subscribe) noexcept;
 
@@ -224,36 +226,27 @@ inline void noteSubscribersFound() noexcept {
   dispatcherCounts.subscribersFound.store(true, std::memory_order_relaxed);
 }
 
-// Around one notify(): times it while a threshold is set or a tracer
-// listens.
-class NotifyTimer {
- public:
-  NotifyTimer(const ClientProxy& client, const BaseEvent& event) noexcept : client_(client), event_(event) {
-    if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
-      STAP_PROBE3(vexutil, notify_start, typeOf(event), client.getClassId(), client.getInstanceId());
-      startNs_ = nowNs();
-    }
-    if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
-      startTick_ = currentTick();
-    }
+// Before and after one notify(): times it while a threshold is set or a
+// tracer listens. notifyStarting() returns the start (a clock reading for a
+// tracer, else the tick), 0 when nothing is timed; notifyEnded() takes it
+// back. Plain calls rather than a guard object, so that an idle notify()
+// keeps the start in a register and pays two loads and a branch.
+inline std::int64_t notifyStarting(const ClientProxy& client, const BaseEvent& event) noexcept {
+  if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
+    return probeNotifyStart(client, event);
   }
-  ~NotifyTimer() {
-    if (startNs_ != 0) {
-      probeNotifyEnd(client_, event_, startNs_);
-    }
-    if (startTick_ != 0 && tickNs.load(std::memory_order_relaxed) > startTick_) {
-      finishTimedNotify(client_, event_, startTick_);
-    }
+  if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
+    return currentTick();
   }
-  NotifyTimer(const NotifyTimer&) = delete;
-  NotifyTimer& operator=(const NotifyTimer&) = delete;
+  return 0;
+}
 
- private:
-  const ClientProxy& client_;
-  const BaseEvent& event_;
-  std::int64_t startNs_ = 0;    // For the tracer.
-  std::int64_t startTick_ = 0;  // For the threshold.
-};
+inline void notifyEnded(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
+  // The tick test spares short calls the clock read.
+  if (startNs != 0 && (VEXUTIL_PROBE_ENABLED(notify_start) || tickNs.load(std::memory_order_relaxed) > startNs)) {
+    finishNotify(client, event, startNs);
+  }
+}
 
 // reportFailure(), inside the handler that caught a subscriber's exception.
 void noteSubscriberFailure(const BaseEvent& event, const ClientProxy& client) noexcept;

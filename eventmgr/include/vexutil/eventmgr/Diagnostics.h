@@ -106,8 +106,10 @@ struct EventCounts {
   std::uint64_t queueDepth = 0;
   std::uint64_t queueHighWater = 0;
   /// The longest notify() measured, and its subscriber's readable name.
-  /// notify() is timed only while a slow-notify threshold is set (timing
-  /// costs two clock reads per call); zero and empty until then.
+  /// notify() is timed only while a slow-notify threshold is set, and to the
+  /// tick of the slow-subscriber timing (see setSlowNotifyThreshold()): a
+  /// call that ends within the tick it started in is not measured. Zero and
+  /// empty until a call is.
   std::chrono::nanoseconds longestNotify{0};
   std::string longestNotifySubscriber;
 };
@@ -128,6 +130,13 @@ class VEXUTIL_API Diagnostics {
 
   /// Reports notify() calls longer than `threshold`; zero or negative turns
   /// the report, and the timing of notify(), off (the default).
+  ///
+  /// While a threshold (this or the queue's) is set, a thread of the library
+  /// keeps a coarse clock that ticks every eighth of the smaller threshold
+  /// (every 1 ms at the most, every 100 ms at the least); deliveries read the
+  /// tick, not the clock. A time reported is never below the true one and at
+  /// most about one tick above it, so a call just under the threshold may,
+  /// rarely, be reported. The thread ends once both thresholds are off.
   /// \par Thread
   /// Any thread; never throws. Takes effect with the next notify().
   static void setSlowNotifyThreshold(std::chrono::nanoseconds threshold) noexcept;
