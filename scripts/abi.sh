@@ -109,6 +109,10 @@ case "${1:-}" in
       [virtual]="eventmgr/include/vexutil/eventmgr/EventMgr.h"
       [member]="inputreqevt/include/vexutil/inputreqevt/InputRequestEvent.h"
     )
+    misplaced() {
+      echo "abi.sh: found no place for the $1 break in ${breaks[$1]}; update 'prove' to the header's new shape" >&2
+      exit 1
+    }
     for kind in virtual member; do
       header="$scratch/${breaks[$kind]}"
       cp "$header" "$header.orig"
@@ -117,12 +121,12 @@ case "${1:-}" in
         # after it moves.
         awk '/^class VEXUTIL_API EventMgr/ { inside = 1 }
              inside && /^  virtual [^~]/ && ++seen == 2 { print "  virtual void abiProbe() {}"; done = 1 }
-             { print } END { exit !done }' "$header.orig" >"$header"
+             { print } END { exit !done }' "$header.orig" >"$header" || misplaced "$kind"
       else
         # First in InputRequestEvent's private data: every member after it moves.
         awk '/^class VEXUTIL_API InputRequestEvent/ { inside = 1 }
              { print } inside && /^ private:/ && !done { print "  std::int32_t abiProbe_ = 0;"; done = 1 }
-             END { exit !done }' "$header.orig" >"$header"
+             END { exit !done }' "$header.orig" >"$header" || misplaced "$kind"
       fi
       # A build directory of its own, so that each break is judged alone.
       build "$scratch" "$scratch/build-$kind"
