@@ -86,6 +86,31 @@ TEST(CombinedSubscription, OneMailerPerListsAndSubscriber) {
   EXPECT_EQ(defaultManager().getMailerCount(), 1U);
 }
 
+// Two threads making the same combined subscription at once build one mailer: each event reaches the client once.
+// Forced interleaving: with the dispatcher held, the first thread's mailer queues its subscription; the second
+// thread makes the same one and is given half a second to queue a request of its own; an event of the type that
+// is both delayed and trigger queues behind; then the dispatcher is let go.
+TEST(CombinedSubscription, ConcurrentEqualSubscriptionsBuildOneMailer) {
+  EventMgr& manager = *EventMgr::instance();
+  Recorder client;
+  const auto subscribe = [&] { manager.subscribe(Names{"Both"}, Names{"Both"}, clientFor(client)); };
+  std::thread first;
+  std::thread second;
+  {
+    DispatcherHold hold;
+    first = std::thread(subscribe);
+    ASSERT_TRUE(eventually([&] { return manager.getPendingEventCount() == 1; }));
+    second = std::thread(subscribe);
+    eventuallyWithin(std::chrono::milliseconds(500), [&] { return manager.getPendingEventCount() == 2; });
+    manager.publish(NamedEvent("Both", 1), false);
+  }
+  first.join();
+  second.join();
+  manager.publish(NamedEvent("Both", 2), true);
+  EXPECT_EQ(client.payloads(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(defaultManager().getMailerCount(), 1U);
+}
+
 // Shutdown drops held-back events undelivered; a mailer built against the no-op manager is harmless.
 TEST(CombinedSubscription, ShutdownDropsStoredEvents) {
   EventMgr& manager = *EventMgr::instance();

@@ -1,5 +1,8 @@
 // Functions handed from the dispatcher thread to the main thread, or to a
 // thread that waits for the dispatcher.
+#include <pthread.h>
+#include <time.h>
+
 #include "UnitTest.h"
 
 using vexutil::eventmgr::detail::isDefaultManagerCreated;
@@ -73,11 +76,28 @@ TEST(ToDoAdapter, ASecondPumpFindsTheTakenFunctionGone) {
   EXPECT_EQ(runs.load(), 1);
 }
 
-// Work that throws on the pumping thread propagates there and leaves the dispatcher blocked until shutdown.
-TEST(ToDoAdapter, ThrowingWorkPropagatesAndLeavesDispatcherBlocked) {
+// Work that throws on the pumping thread propagates there and leaves the dispatcher blocked until shutdown,
+// using no processor time meanwhile (measured on the dispatcher thread's own CPU clock over a second).
+TEST(ToDoAdapter, ThrowingWorkPropagatesAndLeavesDispatcherBlockedAndIdle) {
   EventMgr& manager = *EventMgr::instance();
-  HandingOff subscriber([] { throw std::runtime_error("work failed"); });
+  std::atomic<pthread_t> dispatcher{};
+  Recorder subscriber;
+  subscriber.setAction([&dispatcher](const BaseEvent&) {
+    dispatcher = pthread_self();
+    ToDoAdapter::runOnceOnMainThreadImpl([] { throw std::runtime_error("work failed"); });
+  });
+  manager.subscribe("TestEvent", &subscriber, &Recorder::onTest);
   EXPECT_THROW(manager.publish(TestEvent(), true), std::runtime_error);
+  clockid_t clock{};
+  ASSERT_EQ(pthread_getcpuclockid(dispatcher.load(), &clock), 0);
+  const auto cpuSeconds = [clock] {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  };
+  const double cpuBefore = cpuSeconds();
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // The span measured, not a synchronisation.
+  EXPECT_LT(cpuSeconds() - cpuBefore, 0.05) << "the abandoned dispatcher uses the processor";
   manager.publish(InputRequestEvent(), false);
   EXPECT_EQ(manager.getPendingEventCount(), 1U);
   EXPECT_EQ(subscriber.count(), 0U);
@@ -91,9 +111,8 @@ TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
   std::atomic<int> staleRuns{0};
   std::atomic<bool> freshRan{false};
   Recorder recorder;
-  recorder.setAction([&freshRan](const BaseEvent&) {
-    ToDoAdapter::runOnceOnMainThreadImpl([&freshRan] { freshRan = true; });
-  });
+  recorder.setAction(
+      [&freshRan](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl([&freshRan] { freshRan = true; }); });
   manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
   struct Stale {
     std::atomic<int>* runs;

@@ -186,14 +186,24 @@ DefaultEventMgr::~DefaultEventMgr() {
 }
 
 void DefaultEventMgr::shutDown() noexcept {
-  EventQueue pending;
+  // Host code that runs here (destructors of events and clients) must not
+  // wait for this very shutdown.
+  const detail::WaitedOnScope waitedOn;
   try {
     boost::mutex::scoped_lock instanceLock(detail::instanceMutex());
     if (shutDown_) {
       return;
     }
     shutDown_ = true;
+    // Whatever happens below, the threads that wait for the end of the
+    // shutdown are let go at the end of it.
+    struct WindowCloser {
+      ~WindowCloser() { detail::closeShutdownWindow(); }
+    } const windowCloser;
     detail::switchInstanceToDummy();
+    // The queue is swapped with one made by the constructor: a shutdown has
+    // nothing to allocate, and so cannot run out of memory.
+    EventQueue& pending = shutDownQueue_;
     {
       const std::lock_guard<std::mutex> queueLock(queueMutex_);
       pending.swap(queue_);
@@ -208,7 +218,7 @@ void DefaultEventMgr::shutDown() noexcept {
     subscriptionCount_.store(0, std::memory_order_relaxed);
     std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers;
     {
-      boost::mutex::scoped_lock mailerLock(mailerMutex_);
+      const std::lock_guard<std::mutex> mailerLock(mailerMutex_);
       mailers.swap(mailers_);
     }
     // Emptied mailers withdraw nothing when they are destroyed: the table is
@@ -384,7 +394,7 @@ bool DefaultEventMgr::isDispatcherThread() const noexcept { return dispatcher_ &
 bool DefaultEventMgr::isStopping() const noexcept { return dispatcher_ && dispatcher_->isStopRequested(); }
 
 std::size_t DefaultEventMgr::getMailerCount() const {
-  boost::mutex::scoped_lock lock(mailerMutex_);
+  const std::lock_guard<std::mutex> lock(mailerMutex_);
   return mailers_.size();
 }
 
@@ -431,30 +441,70 @@ void DefaultEventMgr::subscribe(const TypeList& delayedInputTypes, const TypeLis
     return;
   }
   const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
+  // An equal combined subscription, made or being made, is looked for first:
+  // a second mailer, subscribed and then dropped as a duplicate, would hand
+  // the client every flushed event twice while it lived.
+  MailerKey key{client.get(), std::set<std::string>(delayedInputTypes.begin(), delayedInputTypes.end()),
+                std::set<std::string>(triggerInputTypes.begin(), triggerInputTypes.end()),
+                Corvane::System::ThreadId::self(), nullptr};
   {
-    // An equal combined subscription is looked for first: a second mailer,
-    // subscribed and then dropped as a duplicate, would hand the client every
-    // flushed event twice while it lived.
-    const std::set<std::string> delayed(delayedInputTypes.begin(), delayedInputTypes.end());
-    const std::set<std::string> trigger(triggerInputTypes.begin(), triggerInputTypes.end());
-    boost::mutex::scoped_lock lock(mailerMutex_);
-    if (findMailerLocked(*client, delayed, trigger)) {
+    std::unique_lock<std::mutex> lock(mailerMutex_);
+    if (!awaitNoEqualBuildLocked(lock, key) || weakManager.expired() ||
+        findMailerLocked(*client, key.delayed, key.trigger)) {
       return;
     }
+    key.next = building_;
+    building_ = &key;
   }
-  // Built (and, if another thread got there first, destroyed) outside
-  // mailerMutex_: both wait for the dispatcher thread, and the manager may
-  // shut down meanwhile. The mailer is then dropped (it withdraws from the
-  // no-op manager) and `this` is not touched again.
+  // Announced as being built, other threads wait for it; taken off that list
+  // however the building ends.
+  struct BuildEnd {
+    DefaultEventMgr& manager;
+    MailerKey& key;
+    ~BuildEnd() { manager.endBuild(key); }
+  } const buildEnd{*this, key};
+  // Built (and destroyed, if the manager shuts down meanwhile) outside
+  // mailerMutex_: both wait for the dispatcher thread.
   boost::shared_ptr<ProxyMailer> mailer(new ProxyMailer(delayedInputTypes, triggerInputTypes, client));
   const boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
   if (!manager) {
+    // The mailer withdraws its subscriptions as it goes; that waits for the
+    // end of the shutdown, whose last delivery may still reach it.
     return;
   }
-  boost::mutex::scoped_lock lock(manager->mailerMutex_);
-  // If the insertion fails, or finds an equal mailer, the new one withdraws
-  // its subscriptions as it goes.
-  manager->mailers_.insert(std::move(mailer));
+  const std::lock_guard<std::mutex> lock(mailerMutex_);
+  // If the insertion fails, the new mailer withdraws its subscriptions as it
+  // goes.
+  mailers_.insert(std::move(mailer));
+}
+
+bool DefaultEventMgr::awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& lock, const MailerKey& key) {
+  for (;;) {
+    const MailerKey* equal = building_;
+    while (equal != nullptr && !(!clientLess(*equal->client, *key.client) && !clientLess(*key.client, *equal->client) &&
+                                 equal->delayed == key.delayed && equal->trigger == key.trigger)) {
+      equal = equal->next;
+    }
+    if (equal == nullptr) {
+      return true;
+    }
+    if (equal->builder == key.builder) {
+      return false;  // Made again from inside its own building (a hand-off): it is under way.
+    }
+    mailerBuilt_.wait(lock);
+  }
+}
+
+void DefaultEventMgr::endBuild(MailerKey& key) noexcept {
+  {
+    const std::lock_guard<std::mutex> lock(mailerMutex_);
+    MailerKey** link = &building_;
+    while (*link != &key) {
+      link = &(*link)->next;
+    }
+    *link = key.next;
+  }
+  mailerBuilt_.notify_all();
 }
 
 boost::shared_ptr<ProxyMailer> DefaultEventMgr::findMailerLocked(const ClientProxy& client,
@@ -479,6 +529,8 @@ void DefaultEventMgr::unSubscribe(const std::string& eventType, const ClientPtr&
     return;
   }
   changeSubscription(eventType, client, false);
+  // A shutdown that took the request away may still be in a delivery.
+  detail::awaitShutdownCompleted();
 }
 
 void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& client) {
@@ -494,7 +546,7 @@ void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& c
   for (const std::string& eventType : eventTypes) {
     boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
     if (!manager) {
-      return;
+      break;
     }
     if (!client || eventType.empty()) {
       continue;
@@ -502,6 +554,7 @@ void DefaultEventMgr::unSubscribe(const TypeList& eventTypes, const ClientPtr& c
     DefaultEventMgr* const target = manager.get();
     target->changeSubscription(eventType, client, false, std::move(manager));
   }
+  detail::awaitShutdownCompleted();
 }
 
 void DefaultEventMgr::unSubscribe(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes,
@@ -518,17 +571,22 @@ void DefaultEventMgr::unSubscribe(const TypeList& delayedInputTypes, const TypeL
   if (isDispatcherThread() && !(delayed.empty() && trigger.empty())) {
     throw NotifyDeadlockException();
   }
-  boost::shared_ptr<ProxyMailer> erased;
+  const MailerKey key{client.get(), delayed, trigger, Corvane::System::ThreadId::self(), nullptr};
   {
-    boost::mutex::scoped_lock lock(mailerMutex_);
+    boost::shared_ptr<ProxyMailer> erased;
+    std::unique_lock<std::mutex> lock(mailerMutex_);
+    // An equal subscription being made is waited for, and then removed.
+    awaitNoEqualBuildLocked(lock, key);
     // The set holds at most one mailer per client and pair of sets.
     erased = findMailerLocked(*client, delayed, trigger);
     if (erased) {
       mailers_.erase(erased);
     }
+    lock.unlock();
+    // The erased mailer withdraws its subscriptions as `erased` goes,
+    // outside mailerMutex_.
   }
-  // The erased mailer withdraws its subscriptions as `erased` goes, outside
-  // mailerMutex_.
+  detail::awaitShutdownCompleted();
 }
 
 void DefaultEventMgr::countSubscriptions(const std::string& eventType, long delta) {

@@ -57,6 +57,7 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include "Corvane/System/ThreadId.h"
 #include "Instance.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
@@ -314,8 +315,27 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // dispatcher thread itself.
   std::atomic<std::uint64_t> urgentHint_{0};
 
+  // A combined subscription whose mailer a thread is building; lives on
+  // that thread's stack, linked into building_ while it is built.
+  struct MailerKey {
+    const ClientProxy* client;
+    std::set<std::string> delayed;
+    std::set<std::string> trigger;
+    Corvane::System::ThreadId builder;
+    MailerKey* next;
+  };
+  // Waits until no thread builds a mailer equal to `key`; false (at once)
+  // when the calling thread itself builds one. `lock` holds mailerMutex_.
+  bool awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& lock, const MailerKey& key);
+  // Takes `key` off building_ and wakes the threads that wait for it.
+  void endBuild(MailerKey& key) noexcept;
+
   std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers_;  // Guarded by mailerMutex_.
-  mutable boost::mutex mailerMutex_;
+  MailerKey* building_ = nullptr;                                  // Guarded by mailerMutex_.
+  mutable std::mutex mailerMutex_;
+  std::condition_variable mailerBuilt_;  // Notified when a key leaves building_.
+  // Swapped with the queue at shutdown, which so allocates nothing.
+  EventQueue shutDownQueue_;
 
   // Dispatcher thread only (see the overview).
   // Counted without atomic operations: only the dispatcher thread ever

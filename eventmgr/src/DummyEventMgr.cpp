@@ -1,5 +1,7 @@
 #include "DummyEventMgr.h"
 
+#include "Instance.h"
+
 namespace vexutil {
 namespace eventmgr {
 
@@ -15,10 +17,19 @@ void DummyEventMgr::subscribe(const std::string& /*eventType*/, const ClientPtr&
 void DummyEventMgr::subscribe(const TypeList& /*eventTypes*/, const ClientPtr& /*client*/) {}
 void DummyEventMgr::subscribe(const TypeList& /*delayedInputTypes*/, const TypeList& /*triggerInputTypes*/,
                               const ClientPtr& /*client*/) {}
-void DummyEventMgr::unSubscribe(const std::string& /*eventType*/, const ClientPtr& /*client*/) {}
-void DummyEventMgr::unSubscribe(const TypeList& /*eventTypes*/, const ClientPtr& /*client*/) {}
+// Nothing to remove; but while the default manager is still shutting down
+// its last delivery may reach the client, and the caller may destroy the
+// client once this returns.
+void DummyEventMgr::unSubscribe(const std::string& /*eventType*/, const ClientPtr& /*client*/) {
+  detail::awaitShutdownCompleted();
+}
+void DummyEventMgr::unSubscribe(const TypeList& /*eventTypes*/, const ClientPtr& /*client*/) {
+  detail::awaitShutdownCompleted();
+}
 void DummyEventMgr::unSubscribe(const TypeList& /*delayedInputTypes*/, const TypeList& /*triggerInputTypes*/,
-                                const ClientPtr& /*client*/) {}
+                                const ClientPtr& /*client*/) {
+  detail::awaitShutdownCompleted();
+}
 
 }  // namespace eventmgr
 }  // namespace vexutil

@@ -1,7 +1,9 @@
 // DummyEventMgr: the no-op manager that EventMgr::instance() returns after
 // the default manager has been shut down. Every operation does nothing; the
-// counts are 0 and isDispatchOrMainThread() is false. Stateless, so it may be
-// used from any thread at any time. It is a ToDoAdapter like the default
+// counts are 0 and isDispatchOrMainThread() is false, except that an
+// unSubscribe made while the default manager is still shutting down returns
+// once that shutdown has completed. Stateless, so it may be used from any
+// thread at any time. It is a ToDoAdapter like the default
 // manager, so that a host main loop that pumps hand-offs through
 // dynamic_cast<ToDoAdapter&>(*EventMgr::instance()) keeps working (pumping
 // the process-wide slot, which is empty or holds a withdrawn hand-off).

@@ -1,7 +1,11 @@
 // EventMgr and the process-wide instance mechanism.
 #include "vexutil/eventmgr/EventMgr.h"
 
+#include <pthread.h>
+
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <new>
 
 #include <boost/chrono.hpp>
@@ -9,6 +13,7 @@
 
 #include "DefaultEventMgr.h"
 #include "DummyEventMgr.h"
+#include "EventDispatcher.h"
 #include "Instance.h"
 #include "TypeNames.h"
 
@@ -28,6 +33,9 @@ class Immortal {
   Immortal(const Immortal&) = delete;
   Immortal& operator=(const Immortal&) = delete;
   T& get() noexcept { return *std::launder(reinterpret_cast<T*>(storage_)); }
+  // In the child of a fork only: a fresh object over one that a thread of
+  // the parent may have left in use.
+  void remake() noexcept { new (static_cast<void*>(storage_)) T(); }
 
  private:
   alignas(T) unsigned char storage_[sizeof(T)];
@@ -40,6 +48,21 @@ EventMgr* creatingInstance();
 EventMgr* dummyInstance() { return &dummyStorage.get(); }
 
 using InstanceFunction = EventMgr* (*)();
+
+// The shutdown window (see Instance.h): open while the flag is set; closing
+// it notifies the condition under the mutex.
+std::atomic<bool> shutdownWindowOpen{false};
+Immortal<std::mutex> windowMutexStorage VEXUTIL_EARLY_STATIC;
+Immortal<std::condition_variable> windowClosedStorage VEXUTIL_EARLY_STATIC;
+// How many WaitedOnScope objects live on this thread.
+thread_local unsigned waitedOnDepth = 0;
+
+// Set in the child of a fork of a process that had made the default manager:
+// that manager is left alone for good.
+std::atomic<bool> managerLeftInParent{false};
+
+// In a forked child, the parent's manager, never shut down (see Owner).
+Immortal<boost::shared_ptr<DefaultEventMgr>> leftInParentStorage VEXUTIL_EARLY_STATIC;
 
 // The function that instance() calls: creating until shutdown, then dummy.
 std::atomic<InstanceFunction> instanceFunction{&creatingInstance};
@@ -83,6 +106,13 @@ struct Owner {
   boost::shared_ptr<DefaultEventMgr> manager;  // Guarded by the instance mutex.
   Owner() = default;
   ~Owner() {
+    if (managerLeftInParent.load(std::memory_order_acquire)) {
+      // A forked child: shutting the parent's manager down would join a
+      // thread that does not exist here. Its share is kept where the leak
+      // checker sees it as reachable.
+      leftInParentStorage.get().swap(manager);
+      return;
+    }
     detail::releaseOwner();
     detail::destroyRetiredManagers();
   }
@@ -90,6 +120,23 @@ struct Owner {
   Owner& operator=(const Owner&) = delete;
 };
 Owner owner;
+
+void afterForkInChild() noexcept {
+  // Only this thread exists now; the instance mutex may have been held by
+  // another thread of the parent and is made afresh.
+  instanceMutexStorage.remake();
+  shutdownWindowOpen.store(false, std::memory_order_release);
+  if (owner.manager || currentManager.load(std::memory_order_acquire) != nullptr) {
+    managerLeftInParent.store(true, std::memory_order_release);
+    shutDown = true;
+    instanceFunction.store(&dummyInstance, std::memory_order_release);
+    currentManager.store(dummyInstance(), std::memory_order_release);
+  }
+}
+
+// Registered when the library is loaded; unregistered by the C library when
+// it is unloaded.
+const int forkHandlerRegistered = pthread_atfork(nullptr, nullptr, &afterForkInChild);
 
 EventMgr* creatingInstance() {
   EventMgr* current = currentManager.load(std::memory_order_acquire);
@@ -126,6 +173,9 @@ boost::mutex& instanceMutex() { return instanceMutexStorage.get(); }
 EventMgr* dummyManager() { return dummyInstance(); }
 
 void switchInstanceToDummy() {
+  if (!shutDown && liveManager != nullptr) {
+    shutdownWindowOpen.store(true, std::memory_order_release);
+  }
   shutDown = true;
   instanceFunction.store(&dummyInstance, std::memory_order_release);
   currentManager.store(dummyInstance(), std::memory_order_release);
@@ -136,6 +186,34 @@ void ensureDefaultManagerCreated() {
     creatingInstance();
   }
 }
+
+void awaitShutdownCompleted() noexcept {
+  if (!shutdownWindowOpen.load(std::memory_order_acquire) || waitedOnDepth != 0 ||
+      EventDispatcher::current() != nullptr) {
+    return;
+  }
+  try {
+    std::unique_lock<std::mutex> lock(windowMutexStorage.get());
+    windowClosedStorage.get().wait(lock, [] { return !shutdownWindowOpen.load(std::memory_order_acquire); });
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a mutex that cannot be taken leaves nothing to wait on.
+  }
+}
+
+void closeShutdownWindow() noexcept {
+  if (!shutdownWindowOpen.load(std::memory_order_acquire)) {
+    return;
+  }
+  try {
+    const std::lock_guard<std::mutex> lock(windowMutexStorage.get());
+    shutdownWindowOpen.store(false, std::memory_order_release);
+  } catch (...) {
+    shutdownWindowOpen.store(false, std::memory_order_release);
+  }
+  windowClosedStorage.get().notify_all();
+}
+
+WaitedOnScope::WaitedOnScope() noexcept { ++waitedOnDepth; }
+WaitedOnScope::~WaitedOnScope() { --waitedOnDepth; }
 
 bool isDefaultManagerCreated() {
   EventMgr* const current = currentManager.load(std::memory_order_acquire);

@@ -16,6 +16,12 @@
 // no-op, until the library's static data is torn down, so that a thread that
 // took the pointer from instance() just before the shutdown never calls into
 // freed memory.
+//
+// fork(): the default manager belongs to the process that made it. In the
+// child of a process that had made one, instance() is the no-op manager for
+// good (the child has no dispatcher thread, and locks that the parent's
+// other threads held stay held), and exit leaves the parent's manager alone.
+// A child of a process that never made a manager makes its own on first use.
 #ifndef VEXUTIL_EVENTMGR_SRC_INSTANCE_H
 #define VEXUTIL_EVENTMGR_SRC_INSTANCE_H
 
@@ -36,8 +42,9 @@ boost::mutex& instanceMutex();
 // The no-op manager.
 EventMgr* dummyManager();
 
-// Called by the default manager's destructor, under the instance mutex:
-// instance() returns the no-op manager from now on.
+// Called under the instance mutex when the default manager is let go or
+// shut down: instance() returns the no-op manager from now on, and the
+// shutdown window opens if a default manager lives.
 void switchInstanceToDummy();
 
 // Creates the default manager if instance() would still create one; does
@@ -59,6 +66,31 @@ void retire(DefaultEventMgr* manager) noexcept;
 // Frees every retired manager. Only when no thread may still call one: at
 // unload or exit, and in tests between managers.
 void destroyRetiredManagers() noexcept;
+
+// The shutdown window: from the moment instance() stops handing out the
+// default manager until that manager's shutdown has completed (its
+// dispatcher joined, its subscriptions cleared). A delivery may still be in
+// progress during the window, so an unSubscribe that returns then must wait
+// for the window to close first: the caller may destroy its object as soon
+// as the call returns, and a mailer is freed as soon as its withdrawal does.
+
+// Waits until no shutdown window is open. Returns at once on a thread that
+// the shutdown itself waits for: a dispatcher thread, a thread running a
+// hand-off for one, or the thread that runs the shutdown. Never throws.
+void awaitShutdownCompleted() noexcept;
+
+// Called at the end of the default manager's shutdown.
+void closeShutdownWindow() noexcept;
+
+// For its lifetime, marks the calling thread as one that a shutdown waits
+// for (see awaitShutdownCompleted()). Nests.
+class WaitedOnScope {
+ public:
+  WaitedOnScope() noexcept;
+  ~WaitedOnScope();
+  WaitedOnScope(const WaitedOnScope&) = delete;
+  WaitedOnScope& operator=(const WaitedOnScope&) = delete;
+};
 
 // Tests only: after releaseOwner(), waits until the manager has been shut
 // down, frees it and makes the next instance() create a new default manager,

@@ -47,11 +47,13 @@ class HandOff {
   bool withdraw() { return transition(State::Pending, State::Withdrawn); }
 
   // Dispatcher side: waits up to `timeout` for the work to finish. Returns
-  // the state then.
+  // the state then. An abandoned hand-off is waited on like an unfinished
+  // one: nobody will arrive, and the dispatcher must stay blocked, without
+  // using the processor, until its manager shuts down.
   State waitFor(boost::chrono::milliseconds timeout) {
     boost::mutex::scoped_lock lock(mutex_);
     const auto deadline = boost::chrono::steady_clock::now() + timeout;
-    while (state_ == State::Pending || state_ == State::Running) {
+    while (state_ != State::Done && state_ != State::Withdrawn) {
       if (condition_.wait_until(lock, deadline) == boost::cv_status::timeout) {
         break;
       }
@@ -101,6 +103,7 @@ void runAndWait(const boost::function0<void>& work, const boost::shared_ptr<Hand
     return;  // Withdrawn by a dispatcher that is shutting down.
   }
   if (!work.empty()) {
+    const detail::WaitedOnScope waitedOn;  // The dispatcher waits for this work.
     work();
   }
   if (ticket) {

@@ -110,6 +110,7 @@ struct World {
   std::unique_ptr<InputRequestEvent> made;
   int payload = 0;
   unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
+  std::size_t threadsBefore = 0;
 
   int next() { return ++payload; }
   // Runs `job` on a caller thread of its own and waits for it, at most kPatience. A caller that does not
@@ -152,7 +153,7 @@ using Step = std::function<void(World&)>;
 struct Operation {
   const char* name;
   bool dispatcherWork;  // Also injected on the dispatcher thread.
-  bool freshManager;    // The call makes the manager: nothing can be published before it.
+  bool freshManager;    // The call makes or ends the manager: nothing is published before it.
   Step prepare;
   Step call;
   std::function<void(World&, bool threw)> verify;
@@ -282,6 +283,17 @@ const std::vector<Operation>& operations() {
          bool working = false;  // After a failure, the next call tries again.
          w.call([&] { working = dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; });
          EXPECT_TRUE(working);
+         w.establish();
+       }},
+      // Never fails: whichever allocation fails, the dispatcher is joined and instance() is the no-op manager.
+      // A fresh manager then takes over.
+      {"shutDown", false, true, [](World& w) { w.threadsBefore = taskCount(); },
+       [](World& /*w*/) { shutDownManager(); },
+       [](World& w, bool threw) {
+         EXPECT_FALSE(threw);
+         EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
+         EXPECT_TRUE(eventually([&] { return taskCount() == w.threadsBefore - 1; })) << "the dispatcher is left";
+         w.call([] { restartManager(); });
          w.establish();
        }},
       {"registerFactory, 12 in a row", false, false,

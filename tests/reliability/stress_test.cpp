@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -276,4 +277,75 @@ TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
   std::cout << "[ figures  ] events=" << published << " pairs checked=" << published * (kClients + 2)
             << " deliveries required=" << required << " hand-offs=" << handOffsRun.load() << std::endl;
   shutDownManager();
+}
+
+namespace {
+
+// A client that must not be called once its withdrawal has returned.
+struct Withdrawable {
+  std::atomic<bool> withdrawn{false};
+  std::atomic<long>* lateCalls = nullptr;
+  void on(const TestEvent& /*event*/) {  // NOLINT(readability-make-member-function-const): a handler is non-const.
+    std::this_thread::yield();           // A longer delivery, for a shutdown and a withdrawal to meet in.
+    if (withdrawn.load()) {
+      lateCalls->fetch_add(1);
+    }
+  }
+};
+
+// One worker of a shutdown round: until the manager has been shut down, make a subscription (single names on
+// even workers, combined on odd ones) through instance() or the pointer kept from the start, publish to it
+// asynchronously and synchronously, withdraw it and mark the client withdrawn.
+void useUntilShutdown(int id, std::atomic<long>& lateCalls, Counter& underWay) {
+  EventMgr* const kept = EventMgr::instance();
+  std::vector<std::unique_ptr<Withdrawable>> made;  // Kept until the round ends, to catch late calls.
+  for (int step = 0;; ++step) {
+    EventMgr* const manager = step % 2 == 0 ? EventMgr::instance() : kept;
+    made.push_back(std::make_unique<Withdrawable>());
+    Withdrawable* const client = made.back().get();
+    client->lateCalls = &lateCalls;
+    const EventMgr::ClientPtr proxy(new ClientAdapter<Withdrawable, TestEvent>(client, &Withdrawable::on));
+    if (id % 2 == 0) {
+      manager->subscribe("Round", proxy);
+      manager->publish(NamedEvent("Round", step), step % 3 == 0);
+      manager->unSubscribe("Round", proxy);
+    } else {
+      manager->subscribe(Names{"Round"}, Names{"Flush"}, proxy);
+      manager->publish(NamedEvent("Round", step), false);
+      manager->publish(NamedEvent("Flush", step), step % 3 == 0);
+      manager->unSubscribe(Names{"Round"}, Names{"Flush"}, proxy);
+    }
+    client->withdrawn = true;
+    if (step == 2) {
+      underWay.add();
+    }
+    if (step > 2 && dynamic_cast<vexutil::eventmgr::DefaultEventMgr*>(EventMgr::instance()) == nullptr) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+// Shutdown amid every kind of call, round after round (VEXUTIL_SHUTDOWN_ROUNDS, set per configuration): four
+// threads subscribe, publish asynchronously and synchronously, make and withdraw combined subscriptions, while
+// the main thread shuts the manager down. Every call returns, and no client is called after its withdrawal has
+// returned; the sanitizer builds check that nothing is used after it is freed.
+TEST(ReliabilityStress, ShutdownAmidEveryKindOfCallRepeatedly) {
+  for (int round = 0; round < VEXUTIL_SHUTDOWN_ROUNDS; ++round) {
+    std::atomic<long> lateCalls{0};
+    Counter underWay;
+    std::vector<std::thread> workers;
+    workers.reserve(4);
+    for (int id = 0; id < 4; ++id) {
+      workers.emplace_back([id, &lateCalls, &underWay] { useUntilShutdown(id, lateCalls, underWay); });
+    }
+    ASSERT_TRUE(underWay.waitFor(4));
+    shutDownManager();
+    for (std::thread& worker : workers) {
+      worker.join();
+    }
+    ASSERT_EQ(lateCalls.load(), 0) << "round " << round;
+    restartManager();
+  }
 }

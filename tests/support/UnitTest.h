@@ -44,6 +44,21 @@ bool eventually(Condition condition) {
   return true;
 }
 
+// As eventually(), but gives up after `limit`. For something that a fault
+// would make happen and a correct library never does: waiting for it a
+// bounded while gives the fault its chance to show.
+template <typename Condition>
+bool eventuallyWithin(std::chrono::milliseconds limit, Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
 // What `body` writes to standard output.
 template <typename Body>
 std::string printedBy(Body body) {

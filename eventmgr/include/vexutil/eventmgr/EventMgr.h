@@ -106,7 +106,10 @@ class VEXUTIL_API EventMgr {
   ///       down (unload, or the end of exit). Once the default manager has
   ///       shut down, calls through a pointer kept from earlier do nothing,
   ///       and instance() returns the no-op manager, also to a requester
-  ///       that the shutdown has just released.
+  ///       that the shutdown has just released. In the child of a fork() made
+  ///       after the default manager was created, instance() is the no-op
+  ///       manager (the child has no dispatcher thread); the child exits
+  ///       normally.
   /// \par Thread
   /// Any thread, the dispatcher thread included. Throws what creating the
   /// manager throws (std::bad_alloc, or boost::thread_resource_error when its
@@ -195,8 +198,9 @@ class VEXUTIL_API EventMgr {
   /// Combined subscription: events of `delayedInputTypes` are held back and
   /// handed to `client`, one by one in arrival order, when an event of one of
   /// `triggerInputTypes` arrives; a type in both lists is held back and
-  /// triggers at once. Subscribing the same lists and client twice leaves one
-  /// combined subscription. A null client is a no-op.
+  /// triggers at once. Subscribing the same lists and client twice, also from
+  /// two threads at once, leaves one combined subscription (the later call
+  /// waits for the earlier one). A null client is a no-op.
   /// Throws NotifyDeadlockException on the dispatcher thread.
   /// \pre As subscribe().
   /// \post The subscription (a ProxyMailer owned by the manager) is in force
@@ -218,7 +222,10 @@ class VEXUTIL_API EventMgr {
   /// \pre `client` need only have the same identities as the subscribed one;
   ///      it may be a new proxy.
   /// \post From another thread: once it returns, the subscribed object may
-  ///       be destroyed as far as this type name is concerned. On the
+  ///       be destroyed as far as this type name is concerned; this holds
+  ///       while the manager shuts down too (through instance() or a pointer
+  ///       kept from before), where the call returns once the shutdown has
+  ///       ended the delivery in progress. On the
   ///       dispatcher thread (inside a subscriber): the delivery in progress
   ///       works on a snapshot of the subscribers and still calls the client
   ///       if it comes later in that delivery, so the object may be destroyed
