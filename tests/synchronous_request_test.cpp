@@ -93,7 +93,7 @@ const std::string kReportLine =
 TEST(SynchronousRequests, PollLoopReportsOnceAndEndsWithTheManager) {
   const vexutil::eventmgr::SynchronousRequest request(3);
   vexutil::eventmgr::ActionContainerEvent action{boost::function0<void>()};
-  boost::mutex::scoped_lock lock(action.getMutex());
+  vexutil::eventmgr::ActionContainerEvent::Lock lock(action.getMutex());
   CountingRequester waiting{6};
   bool done = true;
   EXPECT_EQ(printedBy([&] { done = request.await(action, lock, waiting); }), kReportLine);

@@ -134,7 +134,7 @@ struct ChangeSubscription {
 // let go with the mutex released.
 class PollingRequester {
  public:
-  PollingRequester(boost::weak_ptr<DefaultEventMgr> manager, boost::mutex::scoped_lock& lock)
+  PollingRequester(boost::weak_ptr<DefaultEventMgr> manager, ActionContainerEvent::Lock& lock)
       : weakManager_(std::move(manager)), lock_(lock) {}
   bool beginPoll() {
     manager_ = weakManager_.lock();
@@ -163,7 +163,7 @@ class PollingRequester {
 
  private:
   boost::weak_ptr<DefaultEventMgr> weakManager_;
-  boost::mutex::scoped_lock& lock_;
+  ActionContainerEvent::Lock& lock_;
   boost::shared_ptr<DefaultEventMgr> manager_;
 };
 
@@ -857,7 +857,7 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
       return;  // No owner: shut down, nothing runs any more.
     }
   }
-  boost::mutex::scoped_lock lock(action->getMutex());
+  ActionContainerEvent::Lock lock(action->getMutex());
   enqueue(QueuedEvent{nullptr, action}, atBack, true);
   PollingRequester requester(weakSelf_, lock);
   requester.dropUnlocked(holder);

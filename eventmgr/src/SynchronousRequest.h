@@ -16,8 +16,7 @@
 #ifndef VEXUTIL_EVENTMGR_SRC_SYNCHRONOUSREQUEST_H
 #define VEXUTIL_EVENTMGR_SRC_SYNCHRONOUSREQUEST_H
 
-#include <boost/chrono.hpp>
-#include <boost/thread/mutex.hpp>
+#include <chrono>
 
 #include "ActionContainerEvent.h"
 
@@ -35,14 +34,14 @@ class SynchronousRequest {
   using Clock = ActionContainerEvent::Clock;
 
   // One poll of a waiting requester.
-  static constexpr boost::chrono::milliseconds kPollInterval{1};
+  static constexpr std::chrono::milliseconds kPollInterval{1};
   // How long the first poll looks for the completion before it sleeps: long
   // enough for a dispatcher that sleeps to be woken and to run a short
   // request (a wake-up takes some tens of microseconds on a virtual machine),
   // which is cheaper than a sleep and wake-up of the requester too. Later
   // polls wait for a slow subscriber, and looking again would only burn the
   // core.
-  static constexpr boost::chrono::microseconds kFirstPollLook{50};
+  static constexpr std::chrono::microseconds kFirstPollLook{50};
 
   explicit SynchronousRequest(unsigned long reportPoll = kDeadlockReportPoll) noexcept : reportPoll_(reportPoll) {}
 
@@ -58,7 +57,7 @@ class SynchronousRequest {
   //   void endPoll()    lets the share of the manager go.
   // An exception of servePoll() passes out after endPoll().
   template <typename Requester>
-  bool await(const ActionContainerEvent& action, boost::mutex::scoped_lock& lock, Requester& requester) const {
+  bool await(const ActionContainerEvent& action, ActionContainerEvent::Lock& lock, Requester& requester) const {
     for (unsigned long polls = 0;;) {
       if (!requester.beginPoll()) {
         return false;
