@@ -9,7 +9,7 @@ using Action = boost::function0<void>;
 
 namespace {
 bool isDone(const ActionContainerEvent& event) {
-  boost::mutex::scoped_lock lock(event.getMutex());
+  ActionContainerEvent::Lock lock(event.getMutex());
   return event.waitDone(lock, Clock::now());
 }
 }  // namespace

@@ -1,5 +1,11 @@
-// Requests that wait for the dispatcher: printing a report while they wait,
-// and refused on the dispatcher thread itself.
+// Requests that wait for the dispatcher: the poll loop and its deadlock
+// report, printing a failure report while they wait, and refused on the
+// dispatcher thread itself.
+#include <string>
+#include <utility>
+
+#include "ActionContainerEvent.h"
+#include "SynchronousRequest.h"
 #include "UnitTest.h"
 
 // A failure reported while a thread waits in a synchronous publish is printed by that thread's polls.
@@ -56,4 +62,53 @@ TEST(SynchronousRequests, WaitingRequestsInsideNotifyAreRefused) {
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 3}));  // The refused publishes queued nothing.
   EXPECT_EQ(manager.getSubscriptionCount(), 3U);             // "Edit", "Commit", "TestEvent": "Other" is gone.
   EXPECT_EQ(defaultManager().getMailerCount(), 1U);
+}
+
+namespace {
+
+// A requester whose manager lives for `livePolls` polls, counting them; its hand-off may throw once.
+struct CountingRequester {
+  unsigned long livePolls;
+  bool throwAtFirstServe = false;
+  unsigned long begun = 0;
+  unsigned long ended = 0;
+  bool beginPoll() { return begun++ < livePolls; }
+  void servePoll() {
+    if (std::exchange(throwAtFirstServe, false)) {
+      throw std::runtime_error("hand-off failed");
+    }
+  }
+  void endPoll() { ++ended; }
+};
+
+const std::string kReportLine =
+    "Event dispatch from vexutil::eventmgr::EventMgr (ostrel/src/vexutil) appears to be deadlocked. "
+    "Contact vexutil-maintainers@lists.vexutil.org.\n";
+
+}  // namespace
+
+// The poll loop with a report after 3 polls: a request that is never done prints the exact report line once,
+// after its third poll, and waits on until the manager is gone; one already done returns at its first poll; a
+// hand-off that throws passes out with the manager let go.
+TEST(SynchronousRequests, PollLoopReportsOnceAndEndsWithTheManager) {
+  const vexutil::eventmgr::SynchronousRequest request(3);
+  vexutil::eventmgr::ActionContainerEvent action{boost::function0<void>()};
+  vexutil::eventmgr::ActionContainerEvent::Lock lock(action.getMutex());
+  CountingRequester waiting{6};
+  bool done = true;
+  EXPECT_EQ(printedBy([&] { done = request.await(action, lock, waiting); }), kReportLine);
+  EXPECT_FALSE(done);
+  EXPECT_EQ(waiting.begun, 7U);
+  EXPECT_EQ(waiting.ended, 6U);
+  CountingRequester shortWait{3};
+  EXPECT_EQ(printedBy([&] { request.await(action, lock, shortWait); }), "") << "reported before 3 polls had passed";
+  CountingRequester failing{6, true};
+  EXPECT_THROW(request.await(action, lock, failing), std::runtime_error);
+  EXPECT_EQ(failing.ended, 1U);
+  lock.unlock();
+  action.markDone();
+  lock.lock();
+  CountingRequester finished{6};
+  EXPECT_TRUE(request.await(action, lock, finished));
+  EXPECT_EQ(finished.begun, 1U);
 }

@@ -1,8 +1,5 @@
 #include "ActionContainerEvent.h"
 
-#include <pthread.h>
-#include <time.h>
-
 #include <algorithm>
 #include <thread>
 #include <utility>
@@ -24,17 +21,16 @@ const std::string kActionContainerEventTypeName VEXUTIL_EARLY_STATIC("ActionCont
 // makes an action event, and copying a finished list costs one allocation
 // less than building it from the two names. Spelled out rather than taken
 // from the name constants, whose construction in other files may come later.
-const std::vector<std::string> kActionContainerEventTypeList VEXUTIL_EARLY_STATIC{"ActionContainerEvent",
-                                                                                  "BaseEvent"};
+const std::vector<std::string> kActionContainerEventTypeList VEXUTIL_EARLY_STATIC{"ActionContainerEvent", "BaseEvent"};
 
 // How long markDone() keeps trying for the mutex before it sleeps on it.
-constexpr auto kLockSpin = boost::chrono::microseconds(20);
+constexpr auto kLockSpin = std::chrono::microseconds(20);
 
 // The requester holds the mutex between its polls and lets it go only inside
 // its timed wait. A dispatcher that finishes the action before the requester
 // has reached that wait would otherwise sleep on the mutex and cost a second
 // wake-up per round trip; the requester gets there within microseconds.
-void lockAfterShortSpin(boost::mutex& mutex) {
+void lockAfterShortSpin(std::mutex& mutex) {
   if (mutex.try_lock()) {
     return;
   }
@@ -90,15 +86,14 @@ void ActionContainerEvent::markDone() const {
   sync.cond.notify_all();
 }
 
-bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline,
-                                    Clock::duration lookFirst) const {
+bool ActionContainerEvent::waitDone(Lock& lock, const Clock::time_point& deadline, Clock::duration lookFirst) const {
   if (!lock.owns_lock() || lock.mutex() != &syncData->mutex) {
     // A finished event needs no wait whatever the lock; otherwise waiting
     // without holding the mutex is the caller's programming error. `done` is
     // only ever read under its mutex.
     bool done = false;
     {
-      boost::mutex::scoped_lock probe(syncData->mutex);
+      const std::lock_guard<std::mutex> probe(syncData->mutex);
       done = syncData->done;
     }
     if (done) {
@@ -125,23 +120,15 @@ bool ActionContainerEvent::waitDone(boost::mutex::scoped_lock& lock, const Clock
       }
     } while (Clock::now() < lookEnd);
   }
-  // The wait goes straight to the condition with the requester's own mutex.
-  // boost's wait_until parks the waiter on the condition's internal mutex
-  // instead, which the notifier holds while it wakes, and then takes the
-  // requester's mutex again: a woken requester often sleeps a second time on
-  // one of them. The condition is signalled with notify_all() as before.
-  const auto sinceEpoch =
-      boost::chrono::duration_cast<boost::chrono::nanoseconds>(deadline.time_since_epoch()).count();
-  timespec until{};
-  until.tv_sec = static_cast<time_t>(sinceEpoch / 1000000000);
-  until.tv_nsec = static_cast<long>(sinceEpoch % 1000000000);
-  // steady_clock is CLOCK_MONOTONIC; a timeout, a wake-up and a spurious
-  // return all end in the test of the flag.
-  pthread_cond_clockwait(syncData->cond.native_handle(), syncData->mutex.native_handle(), CLOCK_MONOTONIC, &until);
+  // One timed wait on the requester's own mutex (the standard condition
+  // has no internal mutex of its own that a woken waiter would sleep on a
+  // second time). A timeout, a wake-up and a spurious return all end in the
+  // test of the flag.
+  syncData->cond.wait_until(lock, deadline);
   return syncData->done;
 }
 
-boost::mutex& ActionContainerEvent::getMutex() const { return syncData->mutex; }
+std::mutex& ActionContainerEvent::getMutex() const { return syncData->mutex; }
 
 }  // namespace eventmgr
 }  // namespace vexutil

@@ -19,14 +19,14 @@
 #ifndef VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
 #define VEXUTIL_EVENTMGR_SRC_ACTIONCONTAINEREVENT_H
 
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 #include <string>
 
-#include <boost/chrono.hpp>
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include "vexutil/eventmgr/BaseEvent.h"
 
@@ -35,16 +35,18 @@ namespace eventmgr {
 
 class ActionContainerEvent : public BaseEvent {
  public:
-  using Clock = boost::chrono::steady_clock;
+  using Clock = std::chrono::steady_clock;
+  // The requester's hold on SyncData::mutex.
+  using Lock = std::unique_lock<std::mutex>;
 
   struct SyncData {
     // A failure of the action that it hands to the requester instead of
     // throwing: written by the action before it is marked done, read by the
     // requester once done (ordered by `mutex`).
     std::exception_ptr failure;
-    boost::condition_variable cond;  // Notified when `done` becomes true.
-    boost::mutex mutex;              // Guards `done`.
-    bool done = false;               // Set once, never cleared.
+    std::condition_variable cond;  // Notified when `done` becomes true.
+    std::mutex mutex;              // Guards `done`.
+    bool done = false;             // Set once, never cleared.
   };
 
   // Copies `action` (which may be empty) and creates a new SyncData.
@@ -72,11 +74,11 @@ class ActionContainerEvent : public BaseEvent {
   // `lock` must hold getMutex(), and holds it again on return; a lock that
   // does not own its mutex throws boost::lock_error. The wait is not a
   // boost::thread interruption point.
-  bool waitDone(boost::mutex::scoped_lock& lock, const Clock::time_point& deadline,
+  bool waitDone(Lock& lock, const Clock::time_point& deadline,
                 Clock::duration lookFirst = Clock::duration::zero()) const;
 
   // The SyncData mutex, for the requester's lock.
-  boost::mutex& getMutex() const;
+  std::mutex& getMutex() const;
 
   // "ActionContainerEvent".
   static const std::string& typeName() noexcept;

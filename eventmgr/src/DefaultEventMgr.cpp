@@ -37,10 +37,6 @@
 namespace vexutil {
 namespace eventmgr {
 
-const char* const kDeadlockReport =
-    "Event dispatch from vexutil::eventmgr::EventMgr (ostrel/src/vexutil) appears to be deadlocked. "
-    "Contact vexutil-maintainers@lists.vexutil.org.";
-
 namespace {
 
 using Clock = boost::chrono::steady_clock;
@@ -86,15 +82,6 @@ constexpr unsigned kQueueLockTries = 64;
 
 // How many subscribers ahead a delivery asks for the next proxy's memory.
 constexpr std::size_t kPrefetchAhead = 16;
-
-// One poll of a waiting requester.
-constexpr auto kPollInterval = boost::chrono::milliseconds(1);
-
-// How long the first poll of a request looks for its completion before it
-// sleeps: long enough for a dispatcher that sleeps to be woken and to run a
-// short request (a wake-up takes some tens of microseconds on a virtual
-// machine), which is cheaper than a sleep and wake-up of the requester too.
-constexpr Clock::duration kFirstPollLook = boost::chrono::microseconds(50);
 
 // See DefaultEventMgr::setSpinningForTesting.
 std::atomic<bool> spinningEnabled{true};
@@ -149,6 +136,47 @@ struct ChangeSubscription {
       outcome->failure = std::current_exception();
     }
   }
+};
+
+// The manager's side of the polls of a waiting requester (see
+// SynchronousRequest). Between polls only the weak reference remains, so that
+// the manager can be shut down meanwhile. If this thread ends up letting the
+// manager go, the shutdown marks the queued actions done, this one included:
+// it must not find the action's mutex held by its own thread, so shares are
+// let go with the mutex released.
+class PollingRequester {
+ public:
+  PollingRequester(boost::weak_ptr<DefaultEventMgr> manager, ActionContainerEvent::Lock& lock)
+      : weakManager_(std::move(manager)), lock_(lock) {}
+  bool beginPoll() {
+    manager_ = weakManager_.lock();
+    if (!manager_) {
+      return false;  // Shut down: the request is released without having run.
+    }
+    try {
+      // A dispatcher that cannot be started now is tried again at the next
+      // poll: the request is queued and must not be given up.
+      manager_->ensureDispatcherRunning();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
+    }
+    manager_->printPendingReport();
+    return true;
+  }
+  // A handed-off function that throws leaves its dispatcher blocked in the
+  // hand-off until shutdown, so the request cannot run before then either:
+  // the exception passes out.
+  void servePoll() { manager_->invokeOnceOnMainThread(); }
+  void endPoll() { dropUnlocked(manager_); }
+  void dropUnlocked(boost::shared_ptr<DefaultEventMgr>& share) {
+    lock_.unlock();
+    share.reset();
+    lock_.lock();
+  }
+
+ private:
+  boost::weak_ptr<DefaultEventMgr> weakManager_;
+  ActionContainerEvent::Lock& lock_;
+  boost::shared_ptr<DefaultEventMgr> manager_;
 };
 
 }  // namespace
@@ -911,61 +939,15 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
       return;  // No owner: shut down, nothing runs any more.
     }
   }
-  boost::mutex::scoped_lock lock(action->getMutex());
+  ActionContainerEvent::Lock lock(action->getMutex());
   enqueue(QueuedEvent{nullptr, action}, atBack, true);
   // diagnostics hook: synchronous wait start and end tracepoints
   const diagnostics::SyncWaitProbe waitProbe(action.get());
-  const boost::weak_ptr<DefaultEventMgr> weakManager = weakSelf_;
-  // If this thread ends up letting the manager go, its destructor marks the
-  // queued actions done, this one included: it must not find the action's
-  // mutex held by its own thread.
-  const auto dropUnlocked = [&lock](boost::shared_ptr<DefaultEventMgr>& manager) {
-    lock.unlock();
-    manager.reset();
-    lock.lock();
-  };
-  dropUnlocked(holder);
-  unsigned long polls = 0;
-  for (;;) {
-    {
-      boost::shared_ptr<DefaultEventMgr> manager = weakManager.lock();
-      if (!manager) {
-        return;  // Shut down: the request is released without having run.
-      }
-      try {
-        // A dispatcher that cannot be started now is tried again at the
-        // next poll: the request is queued and must not be given up.
-        manager->ensureDispatcherRunning();
-        if (polls == kDeadlockReportPoll) {
-          hxPuts(kDeadlockReport);
-          // diagnostics hook: deadlock report tracepoint
-          diagnostics::noteDeadlockReport(action.get(), polls);
-        }
-      } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
-      }
-      manager->printPendingReport();
-      ++polls;
-      try {
-        manager->invokeOnceOnMainThread();
-      } catch (...) {
-        // The handed-off function threw: its dispatcher stays blocked in
-        // the hand-off until shutdown, so this request cannot run before
-        // then either.
-        dropUnlocked(manager);
-        throw;
-      }
-      dropUnlocked(manager);
-    }
-    // Only the first poll looks before it sleeps: a request that is not done
-    // by then waits for a slow subscriber, and looking again would only burn
-    // the core.
-    if (action->waitDone(lock, Clock::now() + kPollInterval, polls == 1 ? kFirstPollLook : Clock::duration::zero())) {
-      // Set before the action was marked done, under the mutex held here.
-      if (action->syncData->failure) {
-        std::rethrow_exception(action->syncData->failure);
-      }
-      return;
-    }
+  PollingRequester requester(weakSelf_, lock);
+  requester.dropUnlocked(holder);
+  // Set before the action was marked done, under the mutex held here.
+  if (syncRequest_.await(*action, lock, requester) && action->syncData->failure) {
+    std::rethrow_exception(action->syncData->failure);
   }
 }
 

@@ -59,6 +59,7 @@
 
 #include "Corvane/System/ThreadId.h"
 #include "Instance.h"
+#include "SynchronousRequest.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
@@ -74,12 +75,6 @@ namespace eventmgr {
 
 class ActionContainerEvent;
 class EventDispatcher;
-
-// The deadlock report, printed once per request that waits too long.
-extern const char* const kDeadlockReport;
-
-// A request that is not done after this many polls prints the deadlock report.
-constexpr unsigned long kDeadlockReportPoll = 60001;
 
 class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // The unit of cache coherence on the machines this runs on.
@@ -336,6 +331,9 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   std::condition_variable mailerBuilt_;  // Notified when a key leaves building_.
   // Swapped with the queue at shutdown, which so allocates nothing.
   EventQueue shutDownQueue_;
+
+  // How a requester waits for its action.
+  const SynchronousRequest syncRequest_;
 
   // Dispatcher thread only (see the overview).
   // Counted without atomic operations: only the dispatcher thread ever

@@ -170,8 +170,6 @@ namespace detail {
 
 boost::mutex& instanceMutex() { return instanceMutexStorage.get(); }
 
-EventMgr* dummyManager() { return dummyInstance(); }
-
 void switchInstanceToDummy() {
   if (!shutDown && liveManager != nullptr) {
     shutdownWindowOpen.store(true, std::memory_order_release);

@@ -39,9 +39,6 @@ namespace detail {
 // The instance mutex. First in the lock order.
 boost::mutex& instanceMutex();
 
-// The no-op manager.
-EventMgr* dummyManager();
-
 // Called under the instance mutex when the default manager is let go or
 // shut down: instance() returns the no-op manager from now on, and the
 // shutdown window opens if a default manager lives.

@@ -82,13 +82,6 @@ class VEXUTIL_API ClientProxy {
 /// Any thread; reads only the two identities.
 VEXUTIL_API bool clientLess(const ClientProxy& a, const ClientProxy& b);
 
-/// True when `a` and `b` are the same subscriber: equal class and instance ids.
-/// \par Thread
-/// Any thread.
-inline bool sameSubscriber(const ClientProxy& a, const ClientProxy& b) {
-  return a.getClassId() == b.getClassId() && a.getInstanceId() == b.getInstanceId();
-}
-
 }  // namespace eventmgr
 }  // namespace vexutil
 
