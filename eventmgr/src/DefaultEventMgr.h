@@ -22,7 +22,8 @@
 //   weakSelf_, finds none and does nothing. Until it is freed, nothing that
 //   such a call reads (weakSelf_, dispatcher_, the mutexes) is written.
 //
-// Locks, in the order in which they may be nested
+// Locks, in the order in which they may be nested (the one statement of the
+// library's lock order; the other parts refer to it)
 //   instance mutex (process-wide; creation and the whole of shutDown())
 //     -> an action's SyncData mutex (a waiting requester holds it between
 //        polls; shutDown() takes it to release queued requests)
@@ -31,8 +32,11 @@
 //   A waiting requester also takes ToDoAdapter::toDoMutex_ while it holds its
 //   SyncData mutex, and lets that mutex go before it drops a share of the
 //   manager, since the drop may run shutDown(), which takes the instance mutex.
-//   reportMutex_ and mailerMutex_ are leaves: nothing is taken while they are
-//   held, and mailerMutex_ is never held while waiting for the dispatcher.
+//   reportMutex_, mailerMutex_ and the shutdown window's mutex (Instance.h;
+//   closed under the instance mutex) are leaves: nothing is taken while they
+//   are held, and none is held while waiting for the dispatcher (a thread
+//   that waits for an equal mailer being built waits on mailerBuilt_ with
+//   mailerMutex_ released).
 //   No lock of the manager is held while a subscriber or an action runs.
 #ifndef VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
 #define VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
