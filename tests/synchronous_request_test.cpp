@@ -68,7 +68,7 @@ namespace {
 
 // A requester whose manager lives for `livePolls` polls, counting them; its hand-off may throw once.
 struct CountingRequester {
-  unsigned long livePolls;
+  unsigned long livePolls = 0;
   bool throwAtFirstServe = false;
   unsigned long begun = 0;
   unsigned long ended = 0;

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <typeinfo>
@@ -85,20 +84,6 @@ constexpr std::size_t kPrefetchAhead = 16;
 
 // See DefaultEventMgr::setSpinningForTesting.
 std::atomic<bool> spinningEnabled{true};
-
-std::string composeFailureReport(const BaseEvent& event, long position, const ClientProxy& client,
-                                 const Corvane::System::IUserException* userException) {
-  std::ostringstream report;
-  report << "DefaultEventMgr::deliver: event [";
-  event.writeDescription(report);
-  report << "] client [" << position << " " << client.getClassId() << " : " << client.getInstanceId() << '\n';
-  if (userException != nullptr) {
-    report << "] Exception [" << userException->getSource() << ":" << userException->getMessage() << '\n';
-  } else {
-    report << "] Unknown Exception" << '\n';
-  }
-  return report.str();
-}
 
 // The action of a synchronous publish. Small enough for boost::function to
 // keep in place, where a bound member function with the event is not and
@@ -712,23 +697,12 @@ void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& e
   try {
     client.notify(event);
   } catch (const Corvane::System::IUserException& failure) {
-    reportFailure(event, position, client, &failure);
+    failureReport_.store(event, position, client, &failure);
   } catch (...) {
-    reportFailure(event, position, client, nullptr);
+    failureReport_.store(event, position, client, nullptr);
   }
   // diagnostics hook: notify end (tracepoint, slow-notify threshold)
   diagnostics::notifyEnded(client, event, notifyStart);
-}
-
-void DefaultEventMgr::reportFailure(const BaseEvent& event, std::size_t position, const ClientProxy& client,
-                                    const Corvane::System::IUserException* userException) noexcept {
-  try {
-    storePendingReport(composeFailureReport(event, static_cast<long>(position), client, userException));
-  } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory, or the event could not describe
-    // itself: the report is dropped and delivery goes on.
-  }
-  // diagnostics hook: subscriber failure (count, observer); called inside the handler
-  diagnostics::noteSubscriberFailure(event, client);
 }
 
 void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
@@ -878,33 +852,6 @@ void DefaultEventMgr::releasePendingActions(EventQueue& events) {
     if (action != nullptr) {
       action->markDone();
     }
-  }
-}
-
-// --- Reports ---------------------------------------------------------------------
-
-void DefaultEventMgr::storePendingReport(std::string report) noexcept {
-  boost::mutex::scoped_lock lock(reportMutex_);
-  report_ = std::move(report);
-  reportPending_.store(true, std::memory_order_release);
-}
-
-void DefaultEventMgr::printPendingReport() noexcept {
-  if (!reportPending_.load(std::memory_order_acquire)) {
-    return;
-  }
-  std::string report;
-  {
-    boost::mutex::scoped_lock lock(reportMutex_);
-    if (!reportPending_.load(std::memory_order_relaxed)) {
-      return;
-    }
-    report.swap(report_);
-    reportPending_.store(false, std::memory_order_relaxed);
-  }
-  try {
-    hxPrintf("%s", report.c_str());
-  } catch (...) {  // NOLINT(bugprone-empty-catch): the host could not print it; the report is dropped.
   }
 }
 

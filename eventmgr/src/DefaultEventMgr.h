@@ -22,7 +22,8 @@
 //   weakSelf_, finds none and does nothing. Until it is freed, nothing that
 //   such a call reads (weakSelf_, dispatcher_, the mutexes) is written.
 //
-// Locks, in the order in which they may be nested
+// Locks, in the order in which they may be nested (the one statement of the
+// library's lock order; the other parts refer to it)
 //   instance mutex (process-wide; creation and the whole of shutDown())
 //     -> an action's SyncData mutex (a waiting requester holds it between
 //        polls; shutDown() takes it to release queued requests)
@@ -31,8 +32,11 @@
 //   A waiting requester also takes ToDoAdapter::toDoMutex_ while it holds its
 //   SyncData mutex, and lets that mutex go before it drops a share of the
 //   manager, since the drop may run shutDown(), which takes the instance mutex.
-//   reportMutex_ and mailerMutex_ are leaves: nothing is taken while they are
-//   held, and mailerMutex_ is never held while waiting for the dispatcher.
+//   the failure report's mutex, mailerMutex_ and the shutdown window's mutex (Instance.h;
+//   closed under the instance mutex) are leaves: nothing is taken while they
+//   are held, and none is held while waiting for the dispatcher (a thread
+//   that waits for an equal mailer being built waits on mailerBuilt_ with
+//   mailerMutex_ released).
 //   No lock of the manager is held while a subscriber or an action runs.
 #ifndef VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
 #define VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
@@ -58,17 +62,12 @@
 #include <boost/weak_ptr.hpp>
 
 #include "Corvane/System/ThreadId.h"
+#include "FailureReport.h"
 #include "Instance.h"
 #include "SynchronousRequest.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
-
-namespace Corvane {
-namespace System {
-class IUserException;
-}  // namespace System
-}  // namespace Corvane
 
 namespace vexutil {
 namespace eventmgr {
@@ -189,11 +188,10 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   // Starts the dispatcher thread if it exists and does not run.
   void ensureDispatcherRunning();
-  // Prints the pending report, if any, on the calling thread. A report that
-  // the host's output fails to print is dropped.
-  void printPendingReport() noexcept;
+  // Prints the pending failure report, if any, on the calling thread.
+  void printPendingReport() noexcept { failureReport_.printPending(); }
   // True while a subscriber-failure report waits to be printed.
-  bool hasPendingReport() const noexcept { return reportPending_.load(std::memory_order_acquire); }
+  bool hasPendingReport() const noexcept { return failureReport_.isPending(); }
   // True on the dispatcher thread.
   bool isDispatcherThread() const noexcept;
   // True when the dispatcher exists and its stop was requested.
@@ -254,12 +252,6 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
                                                   const std::set<std::string>& trigger) const;
   // Calls client.notify(event); a failure becomes the pending report.
   void notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept;
-  // Stores the report of a client's failure; drops it if memory runs out
-  // while it is composed.
-  void reportFailure(const BaseEvent& event, std::size_t position, const ClientProxy& client,
-                     const Corvane::System::IUserException* userException) noexcept;
-  // Stores a subscriber-failure report, replacing an unprinted one.
-  void storePendingReport(std::string report) noexcept;
   // Adjusts the client-subscription count when the set of `eventType`
   // changes size.
   void countSubscriptions(const std::string& eventType, long delta);
@@ -344,9 +336,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   boost::shared_ptr<EventDispatcher> dispatcher_;
 
-  std::atomic<bool> reportPending_{false};  // Written under reportMutex_.
-  std::string report_;                      // Guarded by reportMutex_.
-  boost::mutex reportMutex_;
+  FailureReport failureReport_;
 
   bool shutDown_ = false;                   // Guarded by the instance mutex.
   bool shutDownAfterDelivery_ = false;      // Dispatcher thread only.

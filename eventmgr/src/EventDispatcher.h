@@ -14,8 +14,7 @@
 //   takes it. The flags and the thread id are atomics: they are read without
 //   a lock by the loop, by ensureDispatcherRunning() and by the
 //   dispatcher-thread test.
-//   Lock order: a manager's queue mutex is never held while mutex_ is taken;
-//   a waiting requester may hold its action's mutex while it takes mutex_.
+//   mutex_ is the start/stop mutex of the lock order in DefaultEventMgr.h.
 #ifndef VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
 #define VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
 

@@ -61,11 +61,6 @@
 /// stays valid until the library's static data is torn down (unload, or the
 /// end of exit): a manager that has shut down in the meantime does nothing
 /// when called, as the no-op manager does.
-///
-/// Locks, for those who read the implementation, in the order in which they
-/// are taken: the instance mutex (creation and shutdown), an action's
-/// completion mutex (held by a waiting requester between its polls), the
-/// dispatcher's start/stop mutex, then the manager's queue mutex.
 #ifndef VEXUTIL_EVENTMGR_EVENTMGR_H
 #define VEXUTIL_EVENTMGR_EVENTMGR_H
 
