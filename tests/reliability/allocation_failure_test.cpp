@@ -1,13 +1,7 @@
-// Out of memory at every allocation of every public operation. For each
-// operation, allocation 1, 2, 3, ... of the calling thread fails in turn (and,
-// where the work runs on the dispatcher thread, of the dispatcher), until the
-// operation completes without the failure firing. After every attempt the call
-// has completed, or thrown std::bad_alloc without effect (where an operation
-// documents a partial outcome, exactly that outcome); nothing accepted before
-// is lost or delivered twice; the manager still delivers; no thread is left
-// behind; LeakSanitizer (AddressSanitizer build) finds no leak at exit. Every
-// call runs on a caller thread that the test waits for at most kPatience. Each
-// operation is a test of its own, so each runs in a process of its own.
+// Allocation 1, 2, 3, ... of each public operation fails in turn (on the caller, and on the dispatcher where it
+// works) until the operation completes: each call completes or throws std::bad_alloc with no effect beyond its
+// documented partial outcome, nothing accepted is lost or doubled, the manager still delivers, no thread or leak
+// (LeakSanitizer) is left. Each operation is a test, so a process, of its own.
 #include <pthread.h>
 
 #include <array>

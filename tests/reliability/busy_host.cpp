@@ -1,17 +1,8 @@
-// A host that leaves the event manager busy, built twice: as a plug-in that
-// the unload test dlopen()s, calls (leave_busy) and dlclose()s, which unloads
-// libvexutil with it, and as a program that exits that way, one mode per
-// ctest test (RunExitProgram.cmake wants exit code 0, the mode's line and no
-// sanitizer report; the test's TIMEOUT catches a hang):
-//   busy     subscriptions of every form, the dispatcher working through a long queue
-//   waiting  the same, the dispatcher held inside a delivery, events queued
-//            behind it and threads waiting in a list subscribe and in a
-//            synchronous publish (which serves hand-offs while it waits)
-//   handoff  the dispatcher blocked in a hand-off to the main thread that nobody serves
-// The hold ends at exit or unload, before the library's own teardown, so the
-// shutdown meets a running dispatcher. Whatever a delivery touches is
-// trivially destructible, so deliveries during the teardown never meet a
-// destroyed object.
+// A host that leaves the manager busy: a plug-in the unload test dlopen()s, calls (leave_busy) and dlclose()s, and a
+// program that exits so, one mode per ctest test (RunExitProgram.cmake wants exit 0, the mode's line, no sanitizer
+// report): busy (a long queue), waiting (dispatcher held in a delivery, threads waiting in a list subscribe and a
+// synchronous publish), handoff (dispatcher blocked in an unserved hand-off). The hold ends at exit or unload, before
+// the library's teardown; everything a delivery touches is trivially destructible.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>

@@ -1,19 +1,8 @@
-// A randomized, time-bounded stress run: worker threads and the main thread
-// publish (asynchronously and synchronously), subscribe and unsubscribe
-// (single names and lists) on one manager at once, while subscribers now and
-// then hand work to the main thread, which pumps it, and two clients stay
-// subscribed throughout, one through a combined subscription.
-// VEXUTIL_STRESS_START=<n> repeats a run's random choices (not its
-// interleaving); VEXUTIL_STRESS_SECONDS=<s> sets its length (default 3).
-//
-// The checks are exact. One atomic counter ("ticks") stamps the start and
-// end of every subscription change and the start of every publish; the
-// sentinel, the only subscriber of "BaseEvent" and so the last one each event
-// reaches, stamps the end of each delivery. For a client, a name and an
-// event: the client MUST receive the event once through that name when the
-// subscription returned before the publish started and its removal started
-// after the delivery ended; it MAY when the two spans overlap; otherwise it
-// must not. So a client subscribed throughout gets every event exactly once.
+// Randomized concurrent publish/subscribe/unsubscribe/hand-off on one manager, checked exactly: one atomic
+// "ticks" counter stamps every subscription change and publish, and the sentinel (the last subscriber of each
+// event) stamps each delivery's end. A client MUST get an event once per name subscribed before the publish and
+// removed after the delivery, MAY when the spans overlap, else must not. VEXUTIL_STRESS_START=<n> repeats the
+// random choices, VEXUTIL_STRESS_SECONDS=<s> sets the length (default 3).
 #include <gtest/gtest.h>
 
 #include <algorithm>

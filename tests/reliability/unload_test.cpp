@@ -1,8 +1,5 @@
-// Loading and unloading a plug-in that uses the event manager, again and
-// again. The plug-in (busy_host.cpp) links libvexutil and this test links
-// neither, so each dlclose() of the plug-in must take libvexutil out of the
-// process too: stop its dispatcher thread, drop the queue and free
-// everything (LeakSanitizer checks that in the AddressSanitizer build).
+// Each dlclose() of the plug-in (busy_host.cpp, the only link to libvexutil) must take libvexutil out of the process:
+// dispatcher stopped, queue dropped, everything freed (LeakSanitizer checks that in the AddressSanitizer build).
 #include <dlfcn.h>
 
 #include <gtest/gtest.h>
@@ -15,8 +12,7 @@
 
 namespace {
 
-// Threads of this process; with `expected`, once there are that many (a
-// thread that has just been joined may be listed a moment longer) or 30 s passed.
+// Threads of this process; with `expected`, once there are that many (a joined thread lingers) or after 30 s.
 std::size_t threadCount(std::size_t expected = 0) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   for (;; std::this_thread::yield()) {
