@@ -1,25 +1,10 @@
-# vexutil_extract_cpp_snippets(<markdown file> <output directory> <prefix> <result variable>
-#                              [REQUIRED])
+# vexutil_extract_cpp_snippets(<markdown file> <output directory> <prefix> <result variable> [REQUIRED])
 #
-# Finds every fenced block that opens with a line of exactly ```cpp. A block
-# that contains "int main(" is a whole program: it is written to
-# <output directory>/<prefix>_<nn>_<heading>.cpp, where <nn> numbers the
-# blocks from 01 and <heading> is the nearest "## " heading above the block, in
-# lower case with every other character turned into "_". Every other block is a
-# fragment: the fragments of one file are written, in the order they appear,
-# to one file <output directory>/<prefix>_fragments.cpp that first includes
-# SnippetPrelude.h (the public umbrella header and the using-declarations the
-# pages announce), so a later fragment may use what an earlier one declared.
-# Each block is preceded by a #line directive naming its first line in the
-# markdown file, so compiler messages point into the page. A file whose
-# content would not change is left alone, so the build recompiles only edited
-# blocks.
-#
-# Sets <result variable> to a list with one "<name>|<file>|<has main>" entry per
-# whole program, plus one entry with <has main> 0 for the fragments file when
-# there are fragments. With REQUIRED, stops with an error when the file has no
-# block at all, so that a broken README cannot pass by testing nothing; an
-# unclosed block is always an error.
+# Writes each ```cpp block containing "int main(" to <output directory>/<prefix>_<nn>_<heading>.cpp (<nn> from
+# 01, <heading> the nearest "## " heading, lower case, other characters "_"), and all other blocks in page order to
+# <prefix>_fragments.cpp after an include of SnippetPrelude.h. Each block follows a #line directive pointing into
+# the page; unchanged files are not rewritten. Sets <result variable> to one "<name>|<file>|<has main>" entry per
+# program plus one (has main 0) for the fragments. An unclosed block is an error; with REQUIRED, so is no block.
 function(vexutil_extract_cpp_snippets markdown output_dir prefix result_var)
   cmake_parse_arguments(ARG "REQUIRED" "" "" ${ARGN})
   file(READ "${markdown}" text)

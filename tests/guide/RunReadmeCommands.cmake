@@ -1,13 +1,6 @@
-# Runs the README's commands that install the library and build the hello
-# program against the installed package, as a newcomer would type them: the
-# first ```sh block of README.md that contains "cmake --install". The install
-# prefix, the build directory and the path of hello.cpp are pointed at this
-# build and a scratch directory; everything else runs as written, with bash
-# stopping at the first failing command. Both builds (CMake, pkg-config) must
-# print the hello program's greeting.
-#
-#   cmake -DREADME=<README.md> -DSOURCE_DIR=<source> -DBUILD_DIR=<build> -DWORK_DIR=<scratch>
-#         -P RunReadmeCommands.cmake
+# Runs README.md's first ```sh block with "cmake --install" as a newcomer would (bash, stopping at the first failure),
+# prefix, build directory and hello.cpp pointed here; both builds must print the greeting.
+#   cmake -DREADME=<README.md> -DSOURCE_DIR=<source> -DBUILD_DIR=<build> -DWORK_DIR=<scratch> -P RunReadmeCommands.cmake
 foreach(var README SOURCE_DIR BUILD_DIR WORK_DIR)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "RunReadmeCommands.cmake needs ${var}")
