@@ -23,11 +23,10 @@ namespace diagtest {
 class ReportLog {
  public:
   void install() {
-    Diagnostics::setObserver([this](const DiagnosticReport& report) { add(report); });
-  }
-  void add(const DiagnosticReport& report) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    reports_.push_back(report);
+    Diagnostics::setObserver([this](const DiagnosticReport& report) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      reports_.push_back(report);
+    });
   }
   std::vector<DiagnosticReport> of(Kind kind, const std::string& eventType) const {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -255,18 +255,13 @@ class MiddleEvent : public BaseEvent {
  public:
   MiddleEvent() : MiddleEvent(Names{}) {}
   MiddleEvent* clone() const override { return new MiddleEvent(*this); }
-  static const std::string& typeName() noexcept {
-    static const std::string* const name =
-        new std::string("MiddleEvent");  // NOLINT(bugprone-unhandled-exception-at-new)
-    return *name;
-  }
 
  protected:
   explicit MiddleEvent(Names names) : BaseEvent(withName(std::move(names))) {}
 
  private:
   static Names withName(Names names) {
-    names.push_back(typeName());
+    names.push_back("MiddleEvent");
     return names;
   }
 };

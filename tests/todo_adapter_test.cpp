@@ -118,17 +118,14 @@ TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
     std::atomic<int>* runs;
     void operator()() const { ++*runs; }
   };
-  {
-    boost::recursive_mutex::scoped_lock lock(ToDoAdapter::toDoMutex_);
-    ToDoAdapter::toDoFunc_ = Stale{&staleRuns};
-  }
+  store(Stale{&staleRuns});
   manager.publish(TestEvent(), false);
   // Nobody pumps until the dispatcher's record has replaced the stale one.
   EXPECT_TRUE(unit::eventually([] {
     boost::recursive_mutex::scoped_lock lock(ToDoAdapter::toDoMutex_);
     return !ToDoAdapter::toDoFunc_.empty() && ToDoAdapter::toDoFunc_.target<Stale>() == nullptr;
   }));
-  dynamic_cast<const ToDoAdapter&>(manager).invokeOnceOnMainThread();
+  pump().invokeOnceOnMainThread();
   EXPECT_TRUE(recorder.waitFor(1));
   EXPECT_TRUE(freshRan.load());
   EXPECT_EQ(staleRuns.load(), 0);

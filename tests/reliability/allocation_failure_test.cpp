@@ -6,10 +6,8 @@
 
 #include <array>
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -17,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -429,18 +428,8 @@ TEST_P(AllocationFailure, ThrowsOrCompletes) {
 // Names short enough for one ctest line: "subscribe_list_dispatcher".
 INSTANTIATE_TEST_SUITE_P(Each, AllocationFailure, ::testing::ValuesIn(cases()),
                          [](const ::testing::TestParamInfo<Case>& param) {
-                           std::string label = param.param.label();
-                           const std::size_t filler = label.find(" on the ");
-                           if (filler != std::string::npos) {
-                             label.replace(filler, std::strlen(" on the "), " ");
-                           }
-                           std::string name;  // Every label starts and ends with a letter.
-                           for (const char ch : label) {
-                             if (std::isalnum(static_cast<unsigned char>(ch)) != 0) {
-                               name += ch;
-                             } else if (name.back() != '_') {
-                               name += '_';
-                             }
-                           }
-                           return name;
+                           // Every label starts and ends with a letter.
+                           return std::regex_replace(
+                               std::regex_replace(param.param.label(), std::regex(" on the "), " "),
+                               std::regex("[^A-Za-z0-9]+"), "_");
                          });
