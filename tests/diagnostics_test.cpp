@@ -1,6 +1,5 @@
-// Diagnostics: the failure observer, slow-subscriber reports, the live counts
-// and the environment thresholds. The tracepoints are checked against the
-// built library by tracepoints_test.sh.
+// The failure observer, slow-subscriber reports, live counts and environment thresholds (tracepoints:
+// tracepoints_test.sh).
 #include <chrono>
 #include <mutex>
 #include <stdexcept>
@@ -151,9 +150,8 @@ TEST(Diagnostics, ThrowingObserverIsContainedAndOutlivesItsRemoval) {
   manager->unSubscribe("Reading", &after, &Recorder::onTest);
 }
 
-// Proves: a subscriber slower than the threshold is named once per interval,
-// not once per event; an event stuck behind it is reported once as waiting;
-// without an observer the report goes to the host's output.
+// Proves: a slow subscriber is named once per interval, an event stuck behind it once as waiting, and without an
+// observer the report goes to the host's output.
 TEST(Diagnostics, SlowSubscriberIsNamedOncePerInterval) {
   ReportLog log;
   log.install();
@@ -194,9 +192,8 @@ TEST(Diagnostics, SlowSubscriberIsNamedOncePerInterval) {
   manager->unSubscribe("Quick", &quick, &Recorder::onTest);
 }
 
-// Proves: after four threads publish heard, failing and unheard events, each
-// event is counted once and published = delivered + failed + noSubscriber
-// exactly; a snapshot taken meanwhile never shows more outcomes than events.
+// Proves: four threads' heard, failing and unheard events each count once, published = delivered + failed +
+// noSubscriber, and no snapshot meanwhile shows more outcomes than events.
 TEST(Diagnostics, CountsAddUpAfterMultiThreadedRun) {
   constexpr int kThreads = 4;
   constexpr int kPerThread = 300;  // A third of each kind.
@@ -255,9 +252,7 @@ TEST(Diagnostics, CountsAddUpAfterMultiThreadedRun) {
   manager->unSubscribe("Reading", &thrower, &SensorPanel::onReading);
 }
 
-// Proves: the thresholds are read from the environment that ctest sets for
-// this program (VEXUTIL_SLOW_QUEUE_MS=250, VEXUTIL_SLOW_NOTIFY_MS=junk), a
-// value that is not a whole number of milliseconds leaving its threshold off.
+// Proves: thresholds come from ctest's environment (VEXUTIL_SLOW_QUEUE_MS=250); junk leaves one off.
 TEST(Diagnostics, EnvironmentSetsThresholds) {
   EXPECT_EQ(Diagnostics::getSlowQueueThreshold(), std::chrono::milliseconds(250));
   EXPECT_EQ(Diagnostics::getSlowNotifyThreshold(), std::chrono::nanoseconds(0));

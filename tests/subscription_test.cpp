@@ -1,7 +1,4 @@
-// Event classes defined with Event<Class, Base>, and subscriptions owned by
-// Subscription handles: lambdas and member functions, for one name, a list
-// and a combined subscription, reset from outside and from inside their own
-// handler.
+// Event<Class, Base> classes, and Subscription handles of every form, reset from outside and from their own handler.
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -108,11 +105,9 @@ TEST(EventHelper, NamesTheChainInEveryConstructorAndClonesTheWholeObject) {
   EXPECT_EQ(static_cast<const TestEvent&>(*tagged).payload(), 7);
 }
 
-// Proves: lambda and member handles for one name, a list and a combined
-// subscription deliver what they subscribed, and destroying each handle
-// withdraws exactly its own subscriptions, also from another thread. A
-// handle and a raw subscription of the same object and handler are two
-// subscribers, and so are two equal lambdas.
+// Proves: handles (lambda, member; name, list, combined) deliver what they subscribed and, destroyed on any thread,
+// withdraw exactly their own; a handle and a raw subscription of one handler, or two equal lambdas, are two
+// subscribers.
 TEST(SubscriptionHandle, DeliversAndWithdrawsExactlyWhatItSubscribed) {
   const unsigned before = subscriptions();
   Editor editor;
@@ -159,11 +154,8 @@ TEST(SubscriptionHandle, DeliversAndWithdrawsExactlyWhatItSubscribed) {
   EXPECT_EQ(subscriptions(), before);
 }
 
-// Proves: a handle reset inside its own handler withdraws everything at once
-// and is not called again, not by the names later in the same delivery (list:
-// one EditEvent reaches "EditEvent" then "DocumentEvent"), nor by the rest of
-// a batch (combined: three held edits); other subscribers of the delivery
-// still get it. Runs for a lambda and a member function.
+// Proves: a handle (lambda or member) reset in its own handler is not called again, neither by later names of the
+// same delivery (list) nor by the rest of a batch (combined); other subscribers of the delivery still get it.
 TEST(SubscriptionHandle, ResetInsideItsOwnHandlerEndsEverythingAtOnce) {
   const unsigned before = subscriptions();
   struct SelfEnding {
