@@ -1,9 +1,6 @@
-# Installs the built project into a temporary prefix, then configures, builds
-# and runs a small consumer project against the installed package, once with
-# find_package and once with pkg-config. Also checks that the stand-in host
-# platform's headers stay out of the prefix's top include directory, and, with
-# EXTERNAL_HOST, that the library built against a host platform of its own
-# (the installed stand-in, at its own place) serves the same consumer unchanged.
+# Installs into a scratch prefix and builds and runs the consumer against it with find_package and with pkg-config;
+# the stand-in host's headers must stay out of the top include directory. With EXTERNAL_HOST, the library built
+# against a host platform elsewhere (a copy of the installed stand-in) must serve the same consumer.
 cmake_minimum_required(VERSION 3.25)
 foreach(var SOURCE_DIR BUILD_DIR WORK_DIR LIBDIR)
   if(NOT ${var})
