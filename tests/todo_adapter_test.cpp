@@ -18,7 +18,7 @@ const ToDoAdapter& pump() { return dynamic_cast<const ToDoAdapter&>(*EventMgr::i
 
 // A subscriber of "TestEvent" that hands `work` off from inside its delivery.
 struct HandingOff : Recorder {
-  explicit HandingOff(std::function<void()> work) {
+  explicit HandingOff(const std::function<void()>& work) {
     setAction([work](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl(work); });
     EventMgr::instance()->subscribe("TestEvent", static_cast<Recorder*>(this), &Recorder::onTest);
   }
