@@ -378,7 +378,7 @@ void finishNotify(const ClientProxy& client, const BaseEvent& event, std::int64_
     if (tookNs > dispatcherCounts.longestNotifyNs.load(std::memory_order_relaxed)) {
       std::string name = subscriberClassName(client);
       beginCountsChange();
-      dispatcherCounts.longestNotifyNs.store(tookNs, std::memory_order_relaxed);
+      dispatcherCounts.longestNotifyNs.store(tookNs, std::memory_order_release);
       endCountsChange();
       std::lock_guard<std::mutex> lock(state.countsTextMutex);
       state.longestNotifySubscriber.swap(name);
@@ -525,13 +525,14 @@ EventCounts Diagnostics::getCounts() {
   // The dispatcher's counts as of one moment between two of its changes.
   for (;;) {
     const std::uint64_t before = dispatcherCounts.sequence.load(std::memory_order_acquire);
-    counts.delivered = dispatcherCounts.delivered.load(std::memory_order_relaxed);
-    counts.failed = dispatcherCounts.failed.load(std::memory_order_relaxed);
-    counts.noSubscriber = dispatcherCounts.noSubscriber.load(std::memory_order_relaxed);
-    counts.subscriberExceptions = dispatcherCounts.exceptions.load(std::memory_order_relaxed);
-    counts.queueHighWater = dispatcherCounts.queueHighWater.load(std::memory_order_relaxed);
-    counts.longestNotify = std::chrono::nanoseconds(dispatcherCounts.longestNotifyNs.load(std::memory_order_relaxed));
-    std::atomic_thread_fence(std::memory_order_acquire);
+    // Acquire loads: one that reads a value of a change in progress also makes
+    // the odd sequence of that change visible to the check below.
+    counts.delivered = dispatcherCounts.delivered.load(std::memory_order_acquire);
+    counts.failed = dispatcherCounts.failed.load(std::memory_order_acquire);
+    counts.noSubscriber = dispatcherCounts.noSubscriber.load(std::memory_order_acquire);
+    counts.subscriberExceptions = dispatcherCounts.exceptions.load(std::memory_order_acquire);
+    counts.queueHighWater = dispatcherCounts.queueHighWater.load(std::memory_order_acquire);
+    counts.longestNotify = std::chrono::nanoseconds(dispatcherCounts.longestNotifyNs.load(std::memory_order_acquire));
     if ((before & 1U) == 0 && dispatcherCounts.sequence.load(std::memory_order_relaxed) == before) {
       break;
     }

@@ -111,16 +111,22 @@ struct alignas(64) DispatcherCounts {
 };
 extern DispatcherCounts dispatcherCounts;
 
+// A counter with one writer. The store is a release so that a snapshot that
+// reads a value written inside a change also sees that change's opening of
+// the sequence (see beginCountsChange); on x86 it is a plain store.
 template <typename T>
 inline void bump(std::atomic<T>& counter, T by = 1) noexcept {
-  counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
+  counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_release);
 }
 
 // Opens and closes a change of dispatcherCounts that a snapshot must see
-// whole or not at all.
+// whole or not at all: a sequence lock without fences. Every value written
+// inside a change is stored with release and loaded by the snapshot with
+// acquire, so a snapshot that sees any of them also sees the odd sequence
+// stored before it, and retries.
 inline void beginCountsChange() noexcept {
-  bump<std::uint64_t>(dispatcherCounts.sequence);
-  std::atomic_thread_fence(std::memory_order_release);
+  dispatcherCounts.sequence.store(dispatcherCounts.sequence.load(std::memory_order_relaxed) + 1,
+                                  std::memory_order_relaxed);
 }
 inline void endCountsChange() noexcept {
   dispatcherCounts.sequence.store(dispatcherCounts.sequence.load(std::memory_order_relaxed) + 1,
@@ -170,7 +176,7 @@ inline void noteDequeue(const BaseEvent* event, std::size_t left, std::int64_t s
   const std::uint64_t depth = left + 1;
   if (depth > dispatcherCounts.queueHighWater.load(std::memory_order_relaxed)) {
     beginCountsChange();
-    dispatcherCounts.queueHighWater.store(depth, std::memory_order_relaxed);
+    dispatcherCounts.queueHighWater.store(depth, std::memory_order_release);
     endCountsChange();
   }
   if (VEXUTIL_PROBE_ENABLED(dequeue)) {
