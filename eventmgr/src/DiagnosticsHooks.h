@@ -226,27 +226,53 @@ inline void noteSubscribersFound() noexcept {
   dispatcherCounts.subscribersFound.store(true, std::memory_order_relaxed);
 }
 
-// Before and after one notify(): times it while a threshold is set or a
-// tracer listens. notifyStarting() returns the start (a clock reading for a
-// tracer, else the tick), 0 when nothing is timed; notifyEnded() takes it
-// back. Plain calls rather than a guard object, so that an idle notify()
-// keeps the start in a register and pays two loads and a branch.
-inline std::int64_t notifyStarting(const ClientProxy& client, const BaseEvent& event) noexcept {
-  if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
-    return probeNotifyStart(client, event);
+// Around the notify() calls of one delivery: times them while a threshold is
+// set or a tracer listens. Whether anything is timed at all is decided once
+// per delivery (wanted()), so that an idle delivery walks its subscribers
+// with no per-notify cost. Otherwise starting() returns a notify's start (a
+// clock reading for a tracer, else the tick), 0 when nothing is timed, and
+// ended() takes it back. With a threshold, the tick that ended one notify()
+// starts the next: one plain load and a compare per call, the clock read
+// only when the tick moved on.
+class NotifyTimer {
+ public:
+  static bool wanted() noexcept {
+    return VEXUTIL_PROBE_ENABLED(notify_start) || notifyThresholdNs.load(std::memory_order_relaxed) > 0;
   }
-  if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
-    return currentTick();
-  }
-  return 0;
-}
 
-inline void notifyEnded(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
-  // The tick test spares short calls the clock read.
-  if (startNs != 0 && (VEXUTIL_PROBE_ENABLED(notify_start) || tickNs.load(std::memory_order_relaxed) > startNs)) {
-    finishNotify(client, event, startNs);
+  NotifyTimer() noexcept : traced_(VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
+    if (!traced_ && notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
+      tick_ = currentTick();
+    }
   }
-}
+
+  std::int64_t starting(const ClientProxy& client, const BaseEvent& event) noexcept {
+    return traced_ ? probeNotifyStart(client, event) : tick_;
+  }
+
+  void ended(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
+    if (startNs == 0) {
+      return;
+    }
+    if (traced_) {
+      finishNotify(client, event, startNs);
+      return;
+    }
+    // The tick test spares short calls the clock read.
+    const std::int64_t tick = tickNs.load(std::memory_order_relaxed);
+    if (tick > startNs) {
+      finishNotify(client, event, startNs);
+      tick_ = tick;
+    }
+  }
+
+  NotifyTimer(const NotifyTimer&) = delete;
+  NotifyTimer& operator=(const NotifyTimer&) = delete;
+
+ private:
+  const bool traced_;
+  std::int64_t tick_ = 0;  // The start of the next notify(); 0 while nothing is timed.
+};
 
 // reportFailure(), inside the handler that caught a subscriber's exception.
 void noteSubscriberFailure(const BaseEvent& event, const ClientProxy& client) noexcept;
