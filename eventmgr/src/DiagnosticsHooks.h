@@ -246,7 +246,7 @@ class NotifyTimer {
     }
   }
 
-  std::int64_t starting(const ClientProxy& client, const BaseEvent& event) noexcept {
+  std::int64_t starting(const ClientProxy& client, const BaseEvent& event) const noexcept {
     return traced_ ? probeNotifyStart(client, event) : tick_;
   }
 
