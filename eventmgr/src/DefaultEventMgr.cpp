@@ -738,16 +738,25 @@ void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
   };
   // diagnostics hook: notify start and end (tracepoints, slow-notify threshold),
   // decided once per event; while idle the walk is the plain one.
-  if (!diagnostics::NotifyTimer::wanted()) {
-    walk([this, &event](const ClientProxy& client, std::size_t position) { notifyClient(client, event, position); });
-    return;
-  }
   diagnostics::NotifyTimer timer;
-  walk([this, &event, &timer](const ClientProxy& client, std::size_t position) {
-    const std::int64_t notifyStart = timer.starting(client, event);
-    notifyClient(client, event, position);
-    timer.ended(client, event, notifyStart);
-  });
+  switch (timer.mode()) {
+    case diagnostics::NotifyTimer::Mode::kIdle:
+      walk([this, &event](const ClientProxy& client, std::size_t position) { notifyClient(client, event, position); });
+      return;
+    case diagnostics::NotifyTimer::Mode::kTicked:
+      walk([this, &event, &timer](const ClientProxy& client, std::size_t position) {
+        notifyClient(client, event, position);
+        timer.tickedEnd(client, event);
+      });
+      return;
+    case diagnostics::NotifyTimer::Mode::kTraced:
+      walk([this, &event](const ClientProxy& client, std::size_t position) {
+        const std::int64_t notifyStart = diagnostics::NotifyTimer::tracedStart(client, event);
+        notifyClient(client, event, position);
+        diagnostics::NotifyTimer::tracedEnd(client, event, notifyStart);
+      });
+      return;
+  }
 }
 
 bool DefaultEventMgr::spinForNewEvents(Clock::time_point spinStart) {

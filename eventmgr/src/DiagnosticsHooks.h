@@ -226,52 +226,51 @@ inline void noteSubscribersFound() noexcept {
   dispatcherCounts.subscribersFound.store(true, std::memory_order_relaxed);
 }
 
-// Around the notify() calls of one delivery: times them while a threshold is
-// set or a tracer listens. Whether anything is timed at all is decided once
-// per delivery (wanted()), so that an idle delivery walks its subscribers
-// with no per-notify cost. Otherwise starting() returns a notify's start (a
-// clock reading for a tracer, else the tick), 0 when nothing is timed, and
-// ended() takes it back. With a threshold, the tick that ended one notify()
-// starts the next: one plain load and a compare per call, the clock read
-// only when the tick moved on.
+// Around the notify() calls of one delivery: how they are timed is decided
+// once per delivery, so that an idle delivery walks its subscribers with no
+// per-notify cost.
+//  - kIdle: no threshold, no tracer; nothing is timed.
+//  - kTicked: a threshold is set. The tick that ended one notify() starts
+//    the next: after each call, one plain load and a compare; the clock is
+//    read only when the tick moved on, which a short call almost never sees.
+//  - kTraced: a tracer listens; each call is timed on the clock.
 class NotifyTimer {
  public:
-  static bool wanted() noexcept {
-    return VEXUTIL_PROBE_ENABLED(notify_start) || notifyThresholdNs.load(std::memory_order_relaxed) > 0;
-  }
+  enum class Mode { kIdle, kTicked, kTraced };
 
-  NotifyTimer() noexcept : traced_(VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
-    if (!traced_ && notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
+  NotifyTimer() noexcept {
+    if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
+      mode_ = Mode::kTraced;
+    } else if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
       tick_ = currentTick();
+      mode_ = tick_ != 0 ? Mode::kTicked : Mode::kIdle;
     }
   }
+  Mode mode() const noexcept { return mode_; }
 
-  std::int64_t starting(const ClientProxy& client, const BaseEvent& event) const noexcept {
-    return traced_ ? probeNotifyStart(client, event) : tick_;
-  }
-
-  void ended(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
-    if (startNs == 0) {
-      return;
-    }
-    if (traced_) {
-      finishNotify(client, event, startNs);
-      return;
-    }
-    // The tick test spares short calls the clock read.
+  // kTicked: after each notify().
+  void tickedEnd(const ClientProxy& client, const BaseEvent& event) noexcept {
     const std::int64_t tick = tickNs.load(std::memory_order_relaxed);
-    if (tick > startNs) {
-      finishNotify(client, event, startNs);
+    if (tick > tick_) {
+      finishNotify(client, event, tick_);
       tick_ = tick;
     }
+  }
+
+  // kTraced: before and after each notify().
+  static std::int64_t tracedStart(const ClientProxy& client, const BaseEvent& event) noexcept {
+    return probeNotifyStart(client, event);
+  }
+  static void tracedEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
+    finishNotify(client, event, startNs);
   }
 
   NotifyTimer(const NotifyTimer&) = delete;
   NotifyTimer& operator=(const NotifyTimer&) = delete;
 
  private:
-  const bool traced_;
-  std::int64_t tick_ = 0;  // The start of the next notify(); 0 while nothing is timed.
+  Mode mode_ = Mode::kIdle;
+  std::int64_t tick_ = 0;  // kTicked: the start of the next notify().
 };
 
 // reportFailure(), inside the handler that caught a subscriber's exception.
