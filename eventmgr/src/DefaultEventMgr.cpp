@@ -692,8 +692,6 @@ void DefaultEventMgr::deliver(const EventPtr& event) noexcept {
 }
 
 void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept {
-  // diagnostics hook: notify start (tracepoint, slow-notify threshold)
-  const std::int64_t notifyStart = diagnostics::notifyStarting(client, event);
   try {
     client.notify(event);
   } catch (const Corvane::System::IUserException& failure) {
@@ -701,40 +699,63 @@ void DefaultEventMgr::notifyClient(const ClientProxy& client, const BaseEvent& e
   } catch (...) {
     failureReport_.store(event, position, client, nullptr);
   }
-  // diagnostics hook: notify end (tracepoint, slow-notify threshold)
-  diagnostics::notifyEnded(client, event, notifyStart);
 }
 
 void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
-  for (const std::string& eventType : event.getTypes()) {
-    const auto found = table_.find(eventType);
-    if (found == table_.end()) {
-      continue;
-    }
-    // diagnostics hook: the event has subscribers
-    diagnostics::noteSubscribersFound();
-    // The snapshot: subscribers may change the table from inside notify().
-    // Such a change goes to a copy of the entry while this one is held, so
-    // the clients walked here stay as they are and stay alive.
-    const boost::local_shared_ptr<Subscribers> subscribers = found->second;
-    if (!subscribers->deliveryOrderCurrent && !subscribers->tryBuildDeliveryOrder()) {
-      // No memory for the flat array: walk the set itself, in the same order.
-      std::size_t position = 0;
-      for (const ClientPtr& client : subscribers->clients) {
-        notifyClient(*client, event, position++);
+  // The walk over the subscribers, instantiated once plain and once timed;
+  // notifyOne(client, position) makes one notify() call.
+  const auto walk = [this, &event](auto&& notifyOne) {
+    for (const std::string& eventType : event.getTypes()) {
+      const auto found = table_.find(eventType);
+      if (found == table_.end()) {
+        continue;
       }
-      continue;
-    }
-    ClientProxy* const* const clients = subscribers->deliveryOrder.data();
-    const std::size_t count = subscribers->deliveryOrder.size();
-    for (std::size_t position = 0; position < count; ++position) {
-      // The proxies lie wherever they were allocated; asking for one a few
-      // places ahead keeps a long walk from waiting on memory at every step.
-      if (position + kPrefetchAhead < count) {
-        __builtin_prefetch(clients[position + kPrefetchAhead]);
+      // diagnostics hook: the event has subscribers
+      diagnostics::noteSubscribersFound();
+      // The snapshot: subscribers may change the table from inside notify().
+      // Such a change goes to a copy of the entry while this one is held, so
+      // the clients walked here stay as they are and stay alive.
+      const boost::local_shared_ptr<Subscribers> subscribers = found->second;
+      if (!subscribers->deliveryOrderCurrent && !subscribers->tryBuildDeliveryOrder()) {
+        // No memory for the flat array: walk the set itself, in the same order.
+        std::size_t position = 0;
+        for (const ClientPtr& client : subscribers->clients) {
+          notifyOne(*client, position++);
+        }
+        continue;
       }
-      notifyClient(*clients[position], event, position);
+      ClientProxy* const* const clients = subscribers->deliveryOrder.data();
+      const std::size_t count = subscribers->deliveryOrder.size();
+      for (std::size_t position = 0; position < count; ++position) {
+        // The proxies lie wherever they were allocated; asking for one a few
+        // places ahead keeps a long walk from waiting on memory at every step.
+        if (position + kPrefetchAhead < count) {
+          __builtin_prefetch(clients[position + kPrefetchAhead]);
+        }
+        notifyOne(*clients[position], position);
+      }
     }
+  };
+  // diagnostics hook: notify start and end (tracepoints, slow-notify threshold),
+  // decided once per event; while idle the walk is the plain one.
+  diagnostics::NotifyTimer timer;
+  switch (timer.mode()) {
+    case diagnostics::NotifyTimer::Mode::kIdle:
+      walk([this, &event](const ClientProxy& client, std::size_t position) { notifyClient(client, event, position); });
+      return;
+    case diagnostics::NotifyTimer::Mode::kTicked:
+      walk([this, &event, &timer](const ClientProxy& client, std::size_t position) {
+        notifyClient(client, event, position);
+        timer.tickedEnd(client, event);
+      });
+      return;
+    case diagnostics::NotifyTimer::Mode::kTraced:
+      walk([this, &event](const ClientProxy& client, std::size_t position) {
+        const std::int64_t notifyStart = diagnostics::NotifyTimer::tracedStart(client, event);
+        notifyClient(client, event, position);
+        diagnostics::NotifyTimer::tracedEnd(client, event, notifyStart);
+      });
+      return;
   }
 }
 

@@ -232,27 +232,52 @@ inline void noteSubscribersFound() noexcept {
   dispatcherCounts.subscribersFound.store(true, std::memory_order_relaxed);
 }
 
-// Before and after one notify(): times it while a threshold is set or a
-// tracer listens. notifyStarting() returns the start (a clock reading for a
-// tracer, else the tick), 0 when nothing is timed; notifyEnded() takes it
-// back. Plain calls rather than a guard object, so that an idle notify()
-// keeps the start in a register and pays two loads and a branch.
-inline std::int64_t notifyStarting(const ClientProxy& client, const BaseEvent& event) noexcept {
-  if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
+// Around the notify() calls of one delivery: how they are timed is decided
+// once per delivery, so that an idle delivery walks its subscribers with no
+// per-notify cost.
+//  - kIdle: no threshold, no tracer; nothing is timed.
+//  - kTicked: a threshold is set. The tick that ended one notify() starts
+//    the next: after each call, one plain load and a compare; the clock is
+//    read only when the tick moved on, which a short call almost never sees.
+//  - kTraced: a tracer listens; each call is timed on the clock.
+class NotifyTimer {
+ public:
+  enum class Mode { kIdle, kTicked, kTraced };
+
+  NotifyTimer() noexcept {
+    if (VEXUTIL_PROBE_ENABLED(notify_start)) {  // Also notify_end's.
+      mode_ = Mode::kTraced;
+    } else if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
+      tick_ = currentTick();
+      mode_ = tick_ != 0 ? Mode::kTicked : Mode::kIdle;
+    }
+  }
+  Mode mode() const noexcept { return mode_; }
+
+  // kTicked: after each notify().
+  void tickedEnd(const ClientProxy& client, const BaseEvent& event) noexcept {
+    const std::int64_t tick = tickNs.load(std::memory_order_relaxed);
+    if (tick > tick_) {
+      finishNotify(client, event, tick_);
+      tick_ = tick;
+    }
+  }
+
+  // kTraced: before and after each notify().
+  static std::int64_t tracedStart(const ClientProxy& client, const BaseEvent& event) noexcept {
     return probeNotifyStart(client, event);
   }
-  if (notifyThresholdNs.load(std::memory_order_relaxed) > 0) {
-    return currentTick();
-  }
-  return 0;
-}
-
-inline void notifyEnded(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
-  // The tick test spares short calls the clock read.
-  if (startNs != 0 && (VEXUTIL_PROBE_ENABLED(notify_start) || tickNs.load(std::memory_order_relaxed) > startNs)) {
+  static void tracedEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t startNs) noexcept {
     finishNotify(client, event, startNs);
   }
-}
+
+  NotifyTimer(const NotifyTimer&) = delete;
+  NotifyTimer& operator=(const NotifyTimer&) = delete;
+
+ private:
+  Mode mode_ = Mode::kIdle;
+  std::int64_t tick_ = 0;  // kTicked: the start of the next notify().
+};
 
 // reportFailure(), inside the handler that caught a subscriber's exception.
 void noteSubscriberFailure(const BaseEvent& event, const ClientProxy& client) noexcept;
