@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The replaced global allocation functions of the benchmark binary.
 #include "AllocationCounter.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts heap allocations of the whole process while a measurement asks for
 // it. The benchmark binary replaces the global operator new and delete (see
 // AllocationCounter.cpp); the library, linked into the same process, then

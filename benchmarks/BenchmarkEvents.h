@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Events and subscribers shared by the benchmarks and the comparison.
 //
 // PayloadEvent is what a host event looks like to the manager: a class with

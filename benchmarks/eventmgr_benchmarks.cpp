@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks of the event manager (Google Benchmark).
 //
 // Throughput and round trips go through the public interface of the

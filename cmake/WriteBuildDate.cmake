@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Writes OUTPUT, a header defining VEXUTIL_BUILD_DATE as the build date in the
 # compiler's date form ("Nov  2 2026": English month, space-padded day). The
 # date is SOURCE_DATE_EPOCH's when that is set (string(TIMESTAMP) reads it),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vexutil-hello: the smallest use of libvexutil. One member function is
 // subscribed, one event is published synchronously, and the subscription is
 // withdrawn again. Exits 0 when the handler saw the event exactly once.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Guards the binary interface of libvexutil.so against the committed baseline
 # abi/libvexutil.abi (libabigail's ABI description of the public interface).
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds and runs vexutil-compare: the same asynchronous and synchronous
 # workloads on this library, Boost.Asio, Qt 5, a locked queue and a lock-free
 # queue, interleaved over several rounds. Prints the medians and their ratio

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Writes debian/copyright (machine-readable format) from LICENSE, so that the
 # packages carry the project's licence word for word.
 # Usage: scripts/debian-copyright.sh [--check]

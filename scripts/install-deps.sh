@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs, with apt-get, whatever this project needs that the machine lacks.
 # Usage: scripts/install-deps.sh [core|all|packaging|docs]
 #   core:      building the library, the demo and the tests (default)

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the Debian packages twice, from two different directories, and
 # checks that the .deb files are bit-identical; runs lintian (no errors, no
 # warnings); installs the packages with apt, builds the consumer test against

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs what is missing, builds the demo in the default configuration and
 # runs it. Arguments are passed to the demo: bash scripts/run-demo.sh --help
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds and runs the whole test suite under AddressSanitizer with
 # UndefinedBehaviorSanitizer, then under ThreadSanitizer. Any sanitizer report
 # fails the test that produced it, and so this script.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs what is missing, builds the default configuration and runs every
 # test through ctest. Arguments are passed to ctest, for example
 #   bash scripts/run-tests.sh -LE slow     # leave out the tests labelled slow

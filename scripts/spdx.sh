@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Puts an SPDX licence identifier at the top of every tracked C++, CMake and
 # shell source that lacks one; running it again changes nothing.
 #   C++ (.h .hpp .cpp .cc .cxx):  // SPDX-License-Identifier: MIT

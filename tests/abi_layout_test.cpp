@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host classes override the library's virtual operations by slot, so the
 // order of every virtual table is part of the binary interface. Under the
 // Itanium C++ ABI a pointer to a virtual member function holds 1 + the byte

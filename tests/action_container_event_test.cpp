@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The action event carries work to the dispatcher and a completion record
 // that every copy shares.
 #include "ActionContainerEvent.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The context registry makes, saves, restores, clones and destroys sets of
 // per-context objects, one per factory in registration order.
 #include "UnitTest.h"

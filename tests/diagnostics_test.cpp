@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The failure observer, slow-subscriber reports, live counts and environment thresholds (tracepoints:
 // tracepoints_test.sh).
 #include <chrono>

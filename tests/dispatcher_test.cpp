@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The dispatcher thread: delivery on it, queue order, restart after a
 // failure, and the manager's shutdown.
 #include "EventDispatcher.h"

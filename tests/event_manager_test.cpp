@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The default manager: the instance, subscriptions, delivery, reports and
 // counts, seen through the public interface.
 #include "Corvane/System/UserException.h"

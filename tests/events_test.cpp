@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Events carry their type chain, clone and describe themselves; clients are
 // ordered by their identity.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The stand-in host platform behaves as a host's would.
 #include "Corvane/System/CriticalSection.h"
 #include "UnitTest.h"

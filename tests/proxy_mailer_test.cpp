@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Combined subscriptions through the manager's two-list subscribe and
 // unSubscribe: what is held back, what the client receives, and when.
 #include "UnitTest.h"

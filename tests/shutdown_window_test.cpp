@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The window between the start of a shutdown and its end, while the
 // dispatcher may still be finishing a delivery; and fork() after the
 // dispatcher has started.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Event<Class, Base> classes, and Subscription handles of every form, reset from outside and from their own handler.
 #include <cstdint>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Requests that wait for the dispatcher: the poll loop and its deadlock
 // report, printing a failure report while they wait, and refused on the
 // dispatcher thread itself.

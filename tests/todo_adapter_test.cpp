@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Functions handed from the dispatcher thread to the main thread, or to a
 // thread that waits for the dispatcher.
 #include <pthread.h>

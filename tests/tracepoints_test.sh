@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Proves: the built library carries every static tracepoint of provider
 # "vexutil", each site of each probe with the number of arguments that
 # scripts/vexutil-trace.bt and other tracers read, and an is-enabled

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vexutil-compare: two workloads, run the same way on this library and on
 // systems that do a similar job.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "vexutil/contextmgr/ContextRegistry.h"
 
 #include <algorithm>

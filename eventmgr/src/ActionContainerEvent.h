@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ActionContainerEvent: the event that carries work to the dispatcher thread.
 //
 // It holds a function to run there and a completion record (SyncData) on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "vexutil/eventmgr/BaseEvent.h"
 
 #include <algorithm>

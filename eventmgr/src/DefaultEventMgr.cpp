@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DefaultEventMgr.h"
 
 #include <cxxabi.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // DefaultEventMgr: the working event manager.
 //
 // Data

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The diagnostics: observer, slow-subscriber reports, live counts, subscriber
 // class names, and the tracepoint semaphores (see DiagnosticsHooks.h).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The calls that the event manager makes into the diagnostics (see
 // vexutil/eventmgr/Diagnostics.h), and the static tracepoints.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DummyEventMgr.h"
 
 #include "Instance.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // DummyEventMgr: the no-op manager that EventMgr::instance() returns after
 // the default manager has been shut down. Every operation does nothing; the
 // counts are 0 and isDispatchOrMainThread() is false, except that an

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // EventDispatcher: owns the worker thread of a DefaultEventMgr, the
 // dispatcher thread.
 //

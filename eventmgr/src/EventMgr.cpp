@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // EventMgr and the process-wide instance mechanism.
 #include "vexutil/eventmgr/EventMgr.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // FailureReport: the subscriber-failure report of one manager. When a
 // subscriber throws, the dispatcher composes a report of the event, the
 // client and the exception and stores it; the next thread that publishes or

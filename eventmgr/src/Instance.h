@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process-wide instance mechanism behind EventMgr::instance().
 //
 // State (all created when the library is loaded, none ever freed while the

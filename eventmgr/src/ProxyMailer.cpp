@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "vexutil/eventmgr/ProxyMailer.h"
 
 #include <algorithm>

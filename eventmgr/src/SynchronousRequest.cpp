@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "SynchronousRequest.h"
 
 #include "libhx.h"

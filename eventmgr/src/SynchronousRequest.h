@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // SynchronousRequest: how a thread waits for an action that it has queued for
 // the dispatcher thread.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Library-wide constants that must outlive every other static object of the
 // library.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The demo's own events, defined the way a host component defines them.
 //
 //   BaseEvent

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Small helpers of the demo: option parsing, timing samples, text output.
 #ifndef VEXUTIL_EXAMPLES_DEMO_DEMOSUPPORT_H
 #define VEXUTIL_EXAMPLES_DEMO_DEMOSUPPORT_H

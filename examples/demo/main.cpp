@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vexutil-demo: a small host program on libvexutil.
 //
 // The main thread plays the host's main loop: it subscribes the demo's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libhx: the host application's utility library (stand-in implementation).
 //
 // Overview

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Stand-in implementation of the host system library Corvane::System.
 #include <atomic>
 #include <ostream>

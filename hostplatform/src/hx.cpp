@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Stand-in implementation of the host utility library libhx.
 #include "libhx.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "vexutil/inputreqevt/InputRequestEvent.h"
 
 #include "TypeNames.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Proves that the build date follows SOURCE_DATE_EPOCH in the compiler's date
 # form: English month, day padded with a space, in UTC.
 cmake_minimum_required(VERSION 3.25)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Compiles SOURCE (syntax only) and passes when the compiler rejects it with a
 # message that matches the "// expect:" line of the source. FLAGS are the
 # build's own compiler flags, so that sanitizer builds check the same way.

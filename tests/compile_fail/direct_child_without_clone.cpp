@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A direct child of BaseEvent that does not override clone(), reaching the
 // raw member-function subscribe.
 // expect: the event class does not override clone\(\), so a published copy would be of its base class

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A generic lambda cannot name its event class.
 // expect: cannot tell the event class from this handler
 #include "vexutil/eventmgr/Subscription.h"

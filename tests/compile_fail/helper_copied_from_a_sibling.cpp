@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A class copied from its sibling that kept the sibling's Event<> argument:
 // its clone() would copy it as the sibling.
 // expect: the event class does not override clone\(\)

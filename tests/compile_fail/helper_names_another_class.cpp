@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Event<Class, Base> whose first argument is not the class being defined:
 // the class was meant to be Event<Edit, Document>.
 // expect: the first argument must be the class being defined

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A class defined with Event<Class, Base> that forgets typeName(): it would
 // inherit Base's name.
 // expect: the event class does not declare its own typeName\(\)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An intermediate event class without clone(), under a class with one,
 // reaching a lambda subscription.
 // expect: the event class does not override clone\(\)

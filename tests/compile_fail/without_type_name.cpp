@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An event class that does not declare typeName(), reaching ClientAdapter.
 // expect: the event class does not declare its own typeName\(\)
 #include "vexutil/eventmgr/ClientAdapter.h"

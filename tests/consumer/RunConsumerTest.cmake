@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installs into a scratch prefix and builds and runs the consumer against it with find_package and with pkg-config;
 # the stand-in host's headers must stay out of the top include directory. With EXTERNAL_HOST, the library built
 # against a host platform elsewhere (a copy of the installed stand-in) must serve the same consumer.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uses the installed library as a host would: a subscriber, three events,
 // a synchronous publish to wait for them, and the version string. The host
 // platform's headers come from the exported target's (or pkg-config's)

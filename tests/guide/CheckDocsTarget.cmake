@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Builds the target `docs` of a configured build directory and checks what it
 # made: with Doxygen, the API reference with the pages of docs/ and the
 # threading diagram; without it, the one-line message that says how to get it.

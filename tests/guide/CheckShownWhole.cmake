@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Fails unless the markdown file PAGE contains the file SOURCE whole, as one
 # ```cpp block of its own, so that a program shown on a page cannot drift from
 # the file that is built and installed.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vexutil_extract_cpp_snippets(<markdown file> <output directory> <prefix> <result variable> [REQUIRED])
 #
 # Writes each ```cpp block containing "int main(" to <output directory>/<prefix>_<nn>_<heading>.cpp (<nn> from

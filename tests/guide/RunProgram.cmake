@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Runs a program and checks its exit code and output.
 #
 #   cmake -DPROGRAM=<path> [-DARGS="<arguments>"] -DEXPECT_EXIT=<code>

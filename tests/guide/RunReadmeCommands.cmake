@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Runs README.md's first ```sh block with "cmake --install" as a newcomer would (bash, stopping at the first failure),
 # prefix, build directory and hello.cpp pointed here; both builds must print the greeting.
 #   cmake -DREADME=<README.md> -DSOURCE_DIR=<source> -DBUILD_DIR=<build> -DWORK_DIR=<scratch> -P RunReadmeCommands.cmake

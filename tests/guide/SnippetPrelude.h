@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the code fragments of README.md and docs/*.md assume, as the pages
 // say before their first fragment: the public headers, the standard headers
 // they use, and these using-declarations. Whole programs on the pages include

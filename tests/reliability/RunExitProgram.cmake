@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Runs a program and checks that it exits with code 0 and prints a line.
 #
 #   cmake -DPROGRAM=<path> -DMODE=<argument> -DEXPECT_STDOUT=<regex> -P RunExitProgram.cmake

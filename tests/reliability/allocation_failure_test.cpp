@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation 1, 2, 3, ... of each public operation fails in turn (on the caller, and on the dispatcher where it
 // works) until the operation completes: each call completes or throws std::bad_alloc with no effect beyond its
 // documented partial outcome, nothing accepted is lost or doubled, the manager still delivers, no thread or leak

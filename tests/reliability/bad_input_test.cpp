@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bad input through the public interface: list and two-list forms with empty
 // names, empty lists or null clients, inert subscribers, events whose clone
 // fails or whose type list is odd, and context sets with null entries. Each

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host that leaves the manager busy: a plug-in the unload test dlopen()s, calls (leave_busy) and dlclose()s, and a
 // program that exits so, one mode per ctest test (RunExitProgram.cmake wants exit 0, the mode's line, no sanitizer
 // report): busy (a long queue), waiting (dispatcher held in a delivery, threads waiting in a list subscribe and a

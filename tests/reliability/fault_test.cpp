@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Injected faults: subscribers that throw, many times over, and the manager
 // shut down again and again while requests wait and events are queued. The
 // manager must keep delivering, print whole reports, release every waiter,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Randomized concurrent publish/subscribe/unsubscribe/hand-off on one manager, checked exactly: one atomic
 // "ticks" counter stamps every subscription change and publish, and the sentinel (the last subscriber of each
 // event) stamps each delivery's end. A client MUST get an event once per name subscribed before the publish and

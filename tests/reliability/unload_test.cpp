@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Each dlclose() of the plug-in (busy_host.cpp, the only link to libvexutil) must take libvexutil out of the process:
 // dispatcher stopped, queue dropped, everything freed (LeakSanitizer checks that in the AddressSanitizer build).
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The replaced operator new and delete behind FailingAllocation.h. Every
 // form allocates with malloc (or aligned_alloc) and frees with free, so memory
 // from any form may be released by any other, as the standard library does.

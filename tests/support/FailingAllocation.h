@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation failure on demand: the program's operator new is replaced (in
 // FailingAllocation.cpp, linked into the tests that use this header) so that
 // the Nth allocation made by one chosen thread throws std::bad_alloc, the way

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers shared by the unit tests: waiting without sleeps, recording
 // subscribers, test events and access to the default manager.
 #ifndef VEXUTIL_TESTS_TESTSUPPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the unit tests share on top of TestSupport.h: the headers and names
 // they use unqualified, and helpers for holding the dispatcher and capturing
 // output.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 cmake_minimum_required(VERSION 3.25)
 # Fails unless the shared library LIBRARY exports only the vexutil namespace
 # and the two C version strings, each with the symbol version VERSION_NODE,

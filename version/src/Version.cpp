@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "vexutil/version/Version.h"
 
 #include "vexutil_build_date.h"

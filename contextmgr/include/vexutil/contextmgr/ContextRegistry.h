@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// ContextRegistry: the process-wide list of context factories.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// BaseEvent: the base class of every event that passes through the event
 /// manager.

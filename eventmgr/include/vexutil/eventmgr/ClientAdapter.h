@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// ClientAdapter<Target, Event>: binds an object and one of its member
 /// functions as a subscriber.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// ClientProxy: a subscriber as the event manager sees it.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Diagnostics: what the event manager is doing, for the application that
 /// hosts it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Event<Class, Base>: defines an event class in a few lines.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// What is checked about an event class, and where.
 ///

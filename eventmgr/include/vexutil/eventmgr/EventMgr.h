@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// EventMgr: the process-wide event manager.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// NotifyDeadlockException: thrown when a request would wait for the
 /// dispatcher thread on the dispatcher thread itself.

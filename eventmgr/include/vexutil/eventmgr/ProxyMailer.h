@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// ProxyMailer: a combined subscription that holds back events until a
 /// trigger arrives.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The readable class names of adapter-made subscribers.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Subscriptions that end themselves: subscribe functions that return a
 /// Subscription handle, for a callable (a lambda) or a member function, for

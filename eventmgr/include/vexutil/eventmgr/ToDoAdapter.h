@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// ToDoAdapter: hands a function from the dispatcher thread to the main thread.
 ///

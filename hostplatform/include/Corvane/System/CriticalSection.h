@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::CriticalSection: a re-entrant mutual-exclusion lock.
 //
 // Overview

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Visibility macro of the Corvane::System stand-in library.
 #ifndef CORVANE_SYSTEM_EXPORT_H
 #define CORVANE_SYSTEM_EXPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::IException: the interface of every exception that host
 // components throw across component boundaries.
 //

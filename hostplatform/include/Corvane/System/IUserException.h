@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::IUserException: an exception meant to be shown to the user.
 //
 // Overview

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::InternalException: a Throwable that reports a fault inside
 // a library rather than a mistake of the user.
 //

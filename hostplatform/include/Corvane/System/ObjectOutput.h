@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::ObjectOutput: the sink that a Throwable writes itself to.
 //
 // Overview

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::ThreadId: the identity of an operating-system thread.
 //
 // Overview

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::Throwable: the root of the host system library's exceptions.
 //
 // Overview

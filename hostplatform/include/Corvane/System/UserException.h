@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Corvane::System::UserException: the concrete IUserException made from two
 // texts, for host components (and tests) to throw.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// InputRequestEvent: announces that a host component requests input.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The library's version and build date, exported with C linkage so that a
 /// host can read them with dlsym as well as from C++.
