@@ -104,8 +104,8 @@ case "${1:-}" in
   prove)
     scratch="$(mktemp -d)"
     trap 'rm -rf "$scratch"' EXIT
-    # The working tree's versions of the tracked files.
-    (cd "$source_dir" && git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$scratch")
+    # The working tree's versions of the tracked files only: anything else a build left in the tree stays out.
+    (cd "$source_dir" && git ls-files -z --cached | xargs -0 cp --parents -t "$scratch")
     declare -A breaks=(
       [virtual]="eventmgr/include/vexutil/eventmgr/EventMgr.h"
       [member]="inputreqevt/include/vexutil/inputreqevt/InputRequestEvent.h"
