@@ -37,7 +37,7 @@ done
 # BUILD/headers-prefix for abidw and abidiff to tell public types from private.
 build() {
   local source="$1" build="$2"
-  cmake -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXUTIL_BUILD_TESTS=OFF \
+  cmake -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g -DNDEBUG" -DVEXUTIL_BUILD_TESTS=OFF \
     -DVEXUTIL_BUILD_BENCHMARKS=OFF -DVEXUTIL_BUILD_EXAMPLES=OFF >/dev/null
   cmake --build "$build" --target vexutil >/dev/null
   rm -rf "$build/headers-prefix"
