@@ -50,7 +50,11 @@ build() {
 library() {
   local lib
   lib="$(readlink -f "$1/libvexutil.so")"
-  if ! readelf -S --wide "$lib" | grep -q ' \.debug_info '; then
+  # Read the section list whole before searching it: "readelf | grep -q" under
+  # pipefail fails at random when grep quits early and readelf gets SIGPIPE.
+  local sections
+  sections="$(readelf -S --wide "$lib")"
+  if ! grep -q ' \.debug_info ' <<<"$sections"; then
     echo "abi.sh: $lib has no debug information; the comparison would miss layout changes" >&2
     exit 1
   fi

@@ -89,7 +89,9 @@ c++ -std=c++17 "$source_dir/tests/consumer/consumer.cpp" -o "$consumer/consumer-
 
 echo "== The demo"
 # The manual page is in the package (minimal systems may not install man pages).
-dpkg-deb -c "$out/first/vexutil-demo_${version}"_*.deb | grep -q ' ./usr/share/man/man1/vexutil-demo.1.gz$' || {
+# The listing is read whole first: grep -q quitting early would SIGPIPE dpkg-deb.
+demo_files="$(dpkg-deb -c "$out/first/vexutil-demo_${version}"_*.deb)"
+grep -q ' ./usr/share/man/man1/vexutil-demo.1.gz$' <<<"$demo_files" || {
   echo "package.sh: vexutil-demo ships no manual page" >&2
   exit 1
 }
