@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The dispatcher thread: delivery on it, queue order, restart after a
 // failure, and the manager's shutdown.
+#include "DispatchQueue.h"
 #include "EventDispatcher.h"
 #include "UnitTest.h"
 
@@ -96,30 +97,42 @@ TEST(EventDispatcher, EndedThreadIsReplacedAtNextPublish) {
   ASSERT_EQ(recorder.count(), 1U);
   EXPECT_EQ(recorder.deliveries().front().thread, dispatcher->getThreadId());
 }
-// Every event is delivered once, and each thread's in its order, whether the dispatcher spins between
-// events or blocks: events that each find it idle (the next is published once the last has arrived),
-// a burst from two threads at once, and synchronous round trips. Run with the spin switched off, then
-// as shipped, where the idle events stop the spin and the burst and the round trips start it again.
-TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
-  struct SpinningRestorer {
-    ~SpinningRestorer() { DefaultEventMgr::setSpinningForTesting(true); }
-  } restorer;
+// The queue hands every entry over once, each pusher's in its order, whether its consumer spins between
+// entries or blocks: entries that each find it idle (the next is pushed once the last was taken), a
+// burst from two threads at once, then quick round trips, which start the adaptive spin again after
+// the idle entries stopped it.
+TEST(DispatchQueue, HandsOverEveryEntryOnceInOrderWhetherItSpinsOrBlocks) {
+  using vexutil::eventmgr::DispatchQueue;
+  using vexutil::eventmgr::IdleSpin;
+  const auto entry = [](int payload) { return DispatchQueue::Entry{std::make_unique<TestEvent>(payload), {}}; };
+  const auto payloadOf = [](const DispatchQueue::Entry& taken) {
+    return static_cast<const TestEvent*>(taken.get())->payload();
+  };
   constexpr int kEvents = 2000;  // Per origin: one at a time, two bursts, then round trips.
-  EventMgr& manager = *EventMgr::instance();
-  for (const bool spinning : {false, true}) {
-    SCOPED_TRACE(spinning ? "spinning" : "blocking");
-    DefaultEventMgr::setSpinningForTesting(spinning);
-    Recorder recorder;
-    manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
-    for (int i = 0; i < 40; ++i) {  // Each finds the dispatcher idle.
-      manager.publish(TestEvent(i), false);
-      ASSERT_TRUE(recorder.waitFor(static_cast<std::size_t>(i) + 1));
+  for (const IdleSpin spin : {IdleSpin::never(), IdleSpin::adaptive()}) {
+    SCOPED_TRACE(spin.mayEverSpin() ? "adaptive" : "never");
+    DispatchQueue queue(spin);
+    std::atomic<bool> stop{false};
+    std::vector<int> payloads;  // Written by the consumer until `taken` counts all.
+    Counter taken;
+    std::thread consumer([&] {
+      DispatchQueue::Entry next;
+      while (!stop.load()) {
+        if (queue.take(next, &stop)) {
+          payloads.push_back(payloadOf(next));
+          taken.add();
+        }
+      }
+    });
+    for (int i = 0; i < 40; ++i) {  // Each finds the consumer idle.
+      queue.push(entry(i), true);
+      ASSERT_TRUE(taken.waitFor(static_cast<std::size_t>(i) + 1));
     }
     Gate start;
     const auto burst = [&](int origin) {
       ASSERT_TRUE(start.wait());
       for (int i = 0; i < kEvents; ++i) {
-        manager.publish(TestEvent(origin * kEvents + i), false);
+        queue.push(entry(origin * kEvents + i), true);
       }
     };
     std::thread first(burst, 1);
@@ -128,16 +141,15 @@ TEST(EventDispatcher, DeliversEveryEventWhetherItSpinsOrBlocks) {
     first.join();
     second.join();
     for (int i = 0; i < 40; ++i) {
-      manager.publish(TestEvent(3 * kEvents + i), true);
+      queue.push(entry(3 * kEvents + i), i % 2 == 0);  // Front or back: the queue is empty each time.
+      ASSERT_TRUE(taken.waitFor(2 * kEvents + 41 + static_cast<std::size_t>(i)));
     }
-    manager.unSubscribe("TestEvent", &recorder, &Recorder::onTest);
-    // Each origin's events arrive once, in its own order; the origins in turn but for the two bursts.
+    stop = true;
+    queue.wake();
+    consumer.join();
     std::vector<int> next{0, kEvents, 2 * kEvents, 3 * kEvents};
-    for (const int payload : recorder.payloads()) {
+    for (const int payload : payloads) {
       ASSERT_EQ(payload, next.at(static_cast<std::size_t>(payload / kEvents))++) << "lost, repeated or out of order";
-      const bool burstsDone = next[1] == 2 * kEvents && next[2] == 3 * kEvents;
-      EXPECT_TRUE(payload >= kEvents || next[1] == kEvents) << "an idle event after the bursts";
-      EXPECT_TRUE(payload < 3 * kEvents || burstsDone) << "a round trip before the bursts";
     }
     EXPECT_EQ(next, (std::vector<int>{40, 2 * kEvents, 3 * kEvents, 3 * kEvents + 40}));
   }

@@ -27,64 +27,13 @@
 #include "libhx.h"
 #include "vexutil/eventmgr/NotifyDeadlockException.h"
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define VEXUTIL_CPU_RELAX() _mm_pause()
-#else
-#define VEXUTIL_CPU_RELAX() ((void)0)
-#endif
-
 namespace vexutil {
 namespace eventmgr {
 
 namespace {
 
-using Clock = boost::chrono::steady_clock;
-
-// How long an idle dispatcher keeps looking at the queue before it blocks,
-// when it looks at all (see kBridgedInARowToSpin). A stream whose events
-// follow one another this closely costs no wake-up per event. The spin only
-// pays where the gap it bridges is short: beyond a few microseconds it costs
-// the dispatcher more CPU than the sleep and wake-up it saves, so the window
-// is kept short and a stream with wider gaps is left to the wait.
-constexpr auto kIdleSpin = boost::chrono::microseconds(10);
-
-// Whether the dispatcher spins at all is decided by what its recent idle
-// periods would have gained, much as an adaptive mutex decides: it spins
-// once this many idle periods in a row have ended within the window that a
-// spin covers (the hold, then kIdleSpin), and stops at the first one that
-// does not; otherwise it blocks at once. A dense stream or a run of requests
-// keeps the spin; a sparse or paced stream, whose events a spin would not
-// catch, costs one wasted spin at most and from then on a wake-up per event,
-// nothing more. Two in a row, so that a pair of events published together,
-// or a stream whose gaps only now and then fall short, does not buy spins
-// that the next gaps would waste. An idle period that the dispatcher spends
-// blocked is judged by the moment a publisher found it waiting, so that the
-// slowness of the wake-up itself does not count against the stream.
-constexpr unsigned kBridgedInARowToSpin = 2;
-
-// How long a dispatcher that has just delivered the last queued event holds
-// back, when it spins, before it takes the next asynchronous one. A
-// publisher on another core that posts a stream of events then finds the
-// queue mutex in its own cache for several events in a row, instead of
-// fetching it back from the dispatcher for every one; the dispatcher takes
-// the run that built up one event per lock. Without the hold, each event
-// moves the mutex's cache line between the cores twice, and on two cores
-// that doubled the cost of a stream. Requests that a thread waits for are
-// taken at once.
-constexpr auto kBatchHold = boost::chrono::microseconds(5);
-// The longest idle wait; a stop whose notification was missed is seen then.
-constexpr auto kIdleWait = std::chrono::seconds(1);
-
-// How often a contended queue mutex is tried, pausing in between, before the
-// caller sleeps on it.
-constexpr unsigned kQueueLockTries = 64;
-
 // How many subscribers ahead a delivery asks for the next proxy's memory.
 constexpr std::size_t kPrefetchAhead = 16;
-
-// See DefaultEventMgr::setSpinningForTesting.
-std::atomic<bool> spinningEnabled{true};
 
 // The action of a synchronous publish. Small enough for boost::function to
 // keep in place, where a bound member function with the event is not and
@@ -218,11 +167,7 @@ void DefaultEventMgr::shutDown() noexcept {
     // The queue is swapped with one made by the constructor: a shutdown has
     // nothing to allocate, and so cannot run out of memory.
     EventQueue& pending = shutDownQueue_;
-    {
-      const std::lock_guard<std::mutex> queueLock(queueMutex_);
-      pending.swap(queue_);
-      queueSize_ = 0;
-    }
+    queue_.takeAll(pending);
     if (dispatcher_) {
       dispatcher_->stop(this);
     }
@@ -322,8 +267,7 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
   // diagnostics hook: publish (count, tracepoint)
   diagnostics::notePublished(*copy, synchronous);
   if (!synchronous) {
-    // An event that the dispatcher queues for itself meets no other core.
-    enqueue(QueuedEvent{std::move(copy), EventPtr()}, true, onDispatcher);
+    queue_.push(QueuedEvent{std::move(copy), EventPtr()}, true);
     return;
   }
   runSynchronously(DeliverEvent{this, EventPtr(copy.release())}, true, std::move(self));
@@ -331,56 +275,7 @@ void DefaultEventMgr::publish(const BaseEvent& event, bool synchronous) {
 
 void DefaultEventMgr::publish(const BaseEvent& event) { publish(event, true); }
 
-std::unique_lock<std::mutex> DefaultEventMgr::lockQueue() const {
-  // The queue mutex is held for a few dozen nanoseconds at a time. When a
-  // publisher and the dispatcher meet on it, sleeping would cost the one a
-  // futex wait and the other a futex wake, each far longer than the wait:
-  // on two cores that met on every other event.
-  std::unique_lock<std::mutex> lock(queueMutex_, std::try_to_lock);
-  for (unsigned tries = 0; !lock.owns_lock() && tries < kQueueLockTries; ++tries) {
-    VEXUTIL_CPU_RELAX();
-    lock.try_lock();
-  }
-  if (!lock.owns_lock()) {
-    lock.lock();
-  }
-  return lock;
-}
-
-void DefaultEventMgr::enqueue(QueuedEvent event, bool atBack, bool urgent) {
-  // diagnostics hook: queue time stamp
-  event.queuedAtNs = diagnostics::queueStamp();
-  std::uint64_t sequence = 0;
-  {
-    const std::unique_lock<std::mutex> lock = lockQueue();
-    if (atBack) {
-      queue_.push_back(std::move(event));
-    } else {
-      queue_.push_front(std::move(event));
-    }
-    ++queueSize_;
-    sequence = ++enqueueSequence_;
-    if (wakeRequested_ == Clock::time_point::max()) {
-      // Once per sleep of the dispatcher: when its idle period ended.
-      wakeRequested_ = Clock::now();
-    }
-  }
-  enqueueHint_.store(sequence, std::memory_order_release);
-  if (urgent) {
-    urgentHint_.store(sequence, std::memory_order_release);
-  }
-  // With nobody waiting, notify_all() of a std::condition_variable only reads
-  // the condition's waiter count; boost's also locks and unlocks a mutex of
-  // its own, on every event.
-  queueCondition_.notify_all();
-}
-
-void DefaultEventMgr::wakeDispatcher() {
-  // Passing through the queue mutex orders the stop request before the
-  // dispatcher's next look at the queue, so the wake-up cannot be missed.
-  { const std::lock_guard<std::mutex> lock(queueMutex_); }
-  queueCondition_.notify_all();
-}
+void DefaultEventMgr::wakeDispatcher() { queue_.wake(); }
 
 // --- Queries -------------------------------------------------------------------
 
@@ -388,10 +283,7 @@ unsigned int DefaultEventMgr::getSubscriptionCount() const {
   return subscriptionCount_.load(std::memory_order_acquire);
 }
 
-unsigned int DefaultEventMgr::getPendingEventCount() const {
-  const std::lock_guard<std::mutex> lock(queueMutex_);
-  return static_cast<unsigned int>(queueSize_);
-}
+unsigned int DefaultEventMgr::getPendingEventCount() const { return static_cast<unsigned int>(queue_.size()); }
 
 bool DefaultEventMgr::isDispatchOrMainThread() const {
   if (!dispatcher_ || isStopping()) {
@@ -760,90 +652,10 @@ void DefaultEventMgr::deliver(const BaseEvent& event) noexcept {
   }
 }
 
-bool DefaultEventMgr::spinForNewEvents(Clock::time_point spinStart) {
-  // The spin gives way at every turn instead of pausing: the thread that the
-  // last delivery woke (a synchronous requester, a publisher) is often queued
-  // on this very core, and a spin that kept the core would make it wait for
-  // the spin to end. With nothing else to run, a yield returns at once and
-  // the spin goes on.
-  //
-  // Only a hint beyond what the dispatcher has seen counts: a publisher's
-  // store may still be on its way after the dispatcher saw its event under
-  // the mutex, and an old value is no news.
-  const std::uint64_t seen = seenSequence_;
-  if (delivering_) {
-    const Clock::time_point holdEnd = spinStart + kBatchHold;
-    while (urgentHint_.load(std::memory_order_acquire) <= seen && !isStopping() && Clock::now() < holdEnd) {
-      std::this_thread::yield();
-    }
-  }
-  if (enqueueHint_.load(std::memory_order_acquire) > seen) {
-    return true;
-  }
-  const Clock::time_point spinEnd = spinStart + (delivering_ ? kBatchHold : Clock::duration::zero()) + kIdleSpin;
-  while (enqueueHint_.load(std::memory_order_acquire) <= seen) {
-    if (isStopping() || Clock::now() >= spinEnd) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-void DefaultEventMgr::judgeIdlePeriod(bool bridged) noexcept {
-  bridgedInARow_ = bridged ? (std::min)(bridgedInARow_ + 1, kBridgedInARowToSpin) : 0;
-}
-
-void DefaultEventMgr::setSpinningForTesting(bool enabled) noexcept {
-  spinningEnabled.store(enabled, std::memory_order_relaxed);
-}
-
 void DefaultEventMgr::dispatchNext() {
-  // With nothing left behind the last event, a dispatcher whose recent idle
-  // periods were short waits for a publisher's hint before it takes the mutex: a
-  // dispatcher that is ahead of its publishers then neither takes the mutex
-  // just to find the queue empty nor takes it while a publisher is still
-  // inside. Otherwise it goes straight to the queue and blocks there.
-  // Each idle period is judged once: by the spin, or by the wait that
-  // follows a look without a spin; the cycle after a wake-up judges nothing.
-  bool judged = backlogged_ || woken_;
-  woken_ = false;
-  if (!judged && bridgedInARow_ >= kBridgedInARowToSpin && spinningEnabled.load(std::memory_order_relaxed)) {
-    judgeIdlePeriod(spinForNewEvents(Clock::now()));
-    judged = true;
-  }
   QueuedEvent event;
-  {
-    std::unique_lock<std::mutex> lock = lockQueue();
-    seenSequence_ = enqueueSequence_;
-    if (queueSize_ == 0) {
-      const Clock::duration window = (delivering_ ? kBatchHold : Clock::duration::zero()) + kIdleSpin;
-      backlogged_ = false;
-      delivering_ = false;
-      if (!isStopping()) {
-        const Clock::time_point idleStart = judged ? Clock::time_point() : Clock::now();
-        wakeRequested_ = Clock::time_point::max();
-        queueCondition_.wait_for(lock, kIdleWait);
-        if (wakeRequested_ != Clock::time_point::max()) {
-          // A publisher found the dispatcher waiting and took the time.
-          woken_ = true;
-          if (!judged) {
-            judgeIdlePeriod(wakeRequested_ - idleStart < window);
-          }
-        }
-        wakeRequested_ = Clock::time_point();
-      }
-      return;  // An event that arrived meanwhile is taken by the next cycle.
-    }
-    if (!judged) {
-      judgeIdlePeriod(true);  // It arrived while the last one was delivered.
-    }
-    event = std::move(queue_.front());
-    queue_.pop_front();
-    backlogged_ = --queueSize_ != 0;
-    delivering_ = true;
-    // diagnostics hook: dequeue (high-water mark, tracepoint)
-    diagnostics::noteDequeue(event.get(), queueSize_, event.queuedAtNs);
+  if (!queue_.take(event, dispatcher_ ? &dispatcher_->stopFlag() : nullptr)) {
+    return;
   }
   if (const BaseEvent* const delivered = event.get()) {
     // diagnostics hook: queue wait and the outcome of a published event
@@ -909,7 +721,7 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
     }
   }
   ActionContainerEvent::Lock lock(action->getMutex());
-  enqueue(QueuedEvent{nullptr, action}, atBack, true);
+  queue_.push(QueuedEvent{nullptr, action}, atBack);
   // diagnostics hook: synchronous wait start and end tracepoints
   const diagnostics::SyncWaitProbe waitProbe(action.get());
   PollingRequester requester(weakSelf_, lock);

@@ -29,7 +29,8 @@
 //     -> an action's SyncData mutex (a waiting requester holds it between
 //        polls; shutDown() takes it to release queued requests)
 //     -> EventDispatcher's start/stop mutex (held across the join)
-//     -> queueMutex_ (stop() passes through it to wake the dispatcher).
+//     -> the dispatch queue's mutex (stop() passes through it to wake the
+//        dispatcher; a leaf otherwise).
 //   A waiting requester also takes ToDoAdapter::toDoMutex_ while it holds its
 //   SyncData mutex, and lets that mutex go before it drops a share of the
 //   manager, since the drop may run shutDown(), which takes the instance mutex.
@@ -45,7 +46,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -54,7 +54,6 @@
 #include <utility>
 #include <vector>
 
-#include <boost/chrono/system_clocks.hpp>
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/smart_ptr/local_shared_ptr.hpp>
@@ -63,6 +62,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include "Corvane/System/ThreadId.h"
+#include "DispatchQueue.h"
 #include "FailureReport.h"
 #include "Instance.h"
 #include "SynchronousRequest.h"
@@ -77,24 +77,11 @@ class ActionContainerEvent;
 class EventDispatcher;
 
 class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
-  // The unit of cache coherence on the machines this runs on.
-  static constexpr std::size_t kCacheLine = 64;
-
  public:
   using EventPtr = boost::shared_ptr<BaseEvent>;
 
-  // A queued event. The copy made by an asynchronous publish belongs to the
-  // queue alone and is held without a shared count, which would cost an
-  // allocation and two atomic operations per event; an action is shared with
-  // its waiting requester.
-  struct QueuedEvent {
-    std::unique_ptr<BaseEvent> owned;
-    EventPtr shared;
-    // diagnostics hook: when it was queued (0 unless its wait is judged or traced)
-    std::int64_t queuedAtNs = 0;
-    const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
-  };
-  using EventQueue = std::deque<QueuedEvent>;
+  using QueuedEvent = DispatchQueue::Entry;
+  using EventQueue = DispatchQueue::Entries;
 
   // Orders subscribers by class id, then instance id: the client ordering of
   // clientLess for clients of one class, made a strict weak order for clients
@@ -207,31 +194,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   boost::shared_ptr<EventDispatcher> getDispatcher() const { return dispatcher_; }
   std::size_t getMailerCount() const;
 
-  // Benchmarks and tests only, never set by the product: with false, every
-  // dispatcher of the process blocks as soon as it finds the queue empty,
-  // without the hold after a delivery and without the idle spin, so that
-  // their cost can be measured against a dispatcher that has neither. Read
-  // by the dispatcher at every cycle; true unless changed.
-  static void setSpinningForTesting(bool enabled) noexcept;
-
  private:
-  using Clock = boost::chrono::steady_clock;
-
-  // Queues `event` at the back (true) or the front (false) and wakes the
-  // dispatcher. `urgent` exempts it from the batching hold (see
-  // spinForNewEvents).
-  void enqueue(QueuedEvent event, bool atBack, bool urgent);
-  // Takes queueMutex_, trying briefly before it sleeps on it.
-  std::unique_lock<std::mutex> lockQueue() const;
-  // Dispatcher thread, with the queue seen empty: spins, giving way, until
-  // a publisher hints at a new event, the stop is requested or kIdleSpin has
-  // passed since `spinStart`. Right after a delivery it first holds back for
-  // up to kBatchHold, reacting then only to urgent events, and the spin ends
-  // that much later. True when a new event was hinted at.
-  bool spinForNewEvents(Clock::time_point spinStart);
-  // Dispatcher thread: counts an idle period that a spin would (true) or
-  // would not (false) have bridged in bridgedInARow_.
-  void judgeIdlePeriod(bool bridged) noexcept;
   // Runs `function` on the dispatcher thread and waits for it, polling every
   // millisecond. Throws NotifyDeadlockException on the dispatcher thread,
   // and std::bad_alloc if the request cannot be made (nothing is queued
@@ -259,49 +222,8 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
 
   boost::weak_ptr<DefaultEventMgr> weakSelf_;
 
-  // The queue. Publishers and the dispatcher must meet on queueMutex_ once
-  // per event; the rest is laid out so that, in the steady state, every other
-  // cache line is written by one side only:
-  //   * queueMutex_ and the two counts and the time it guards share one line;
-  //   * the dispatcher's own state and the deque's front end (map, map size,
-  //     start: libstdc++'s order) share the next-but-one line, which only the
-  //     dispatcher writes;
-  //   * the deque's back end and enqueueHint_ share the line after that,
-  //     which only publishers write.
-  // queueSize_ stands in for queue_.size() and queue_.empty(), which would
-  // read both ends of the deque.
-  alignas(kCacheLine) mutable std::mutex queueMutex_;
-  std::size_t queueSize_ = 0;          // Always queue_.size(); guarded by queueMutex_.
-  std::uint64_t enqueueSequence_ = 0;  // Events ever queued; guarded by queueMutex_.
-  // Clock::time_point::max() while the dispatcher waits on queueCondition_;
-  // the first publisher that finds it so replaces it by the time at which it
-  // queued its event, once per sleep. Guarded by queueMutex_.
-  Clock::time_point wakeRequested_;
-  // Notified after every enqueue; only read while the dispatcher does not
-  // wait on it.
-  alignas(kCacheLine) std::condition_variable queueCondition_;
-  // Dispatcher thread only: the enqueueSequence_ value up to which it has
-  // seen the queue, whether events were left behind the last one taken,
-  // whether the last cycle delivered one (rather than waited), whether it
-  // was woken by a publisher, and how many idle periods in a row a spin
-  // would have bridged (see kBridgedInARowToSpin).
-  alignas(kCacheLine) std::uint64_t seenSequence_ = 0;
-  bool backlogged_ = false;
-  bool delivering_ = false;
-  bool woken_ = false;
-  unsigned bridgedInARow_ = 0;
-  EventQueue queue_;  // Guarded by queueMutex_.
-  // A publisher's enqueueSequence_ value, stored after it let queueMutex_
-  // go: a value beyond seenSequence_ tells the spinning dispatcher that the
-  // mutex is worth taking, and taking it then does not meet the publisher
-  // inside it. A hint only: stores of concurrent publishers may land out of
-  // order and hide a newer value for a moment, so the dispatcher decides by
-  // queueSize_, and its spin is bounded by kIdleSpin.
-  std::atomic<std::uint64_t> enqueueHint_{0};
-  // Like enqueueHint_, for the events that are taken without the batching
-  // hold: requests that a thread waits for, and events queued by the
-  // dispatcher thread itself.
-  std::atomic<std::uint64_t> urgentHint_{0};
+  // Events waiting for the dispatcher thread.
+  DispatchQueue queue_{IdleSpin::adaptive()};
 
   // A combined subscription whose mailer a thread is building; lives on
   // that thread's stack, linked into building_ while it is built.

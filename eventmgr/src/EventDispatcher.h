@@ -65,6 +65,8 @@ class EventDispatcher {
   bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
   bool isStopRequested() const noexcept { return stopRequested_.load(std::memory_order_acquire); }
   void setStopRequested(bool value) noexcept { stopRequested_.store(value, std::memory_order_release); }
+  // The stop request itself, for a wait that must not begin once it is set.
+  const std::atomic<bool>& stopFlag() const noexcept { return stopRequested_; }
 
   // The id of the dispatcher thread; no thread before the first start.
   Corvane::System::ThreadId getThreadId() const noexcept { return threadId_.load(std::memory_order_acquire); }

@@ -1,0 +1,182 @@
+#include "DispatchQueue.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "DiagnosticsHooks.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define VEXUTIL_CPU_RELAX() _mm_pause()
+#else
+#define VEXUTIL_CPU_RELAX() ((void)0)
+#endif
+
+namespace vexutil {
+namespace eventmgr {
+
+namespace {
+
+// How long an idle consumer keeps looking at the queue before it blocks,
+// when it looks at all (see kBridgedInARowToSpin). A stream whose entries
+// follow one another this closely costs no wake-up per entry. The spin only
+// pays where the gap it bridges is short: beyond a few microseconds it costs
+// more CPU than the sleep and wake-up it saves, so the window is kept short
+// and a stream with wider gaps is left to the wait.
+constexpr auto kIdleSpin = std::chrono::microseconds(10);
+
+// Whether the consumer spins at all is decided by what its recent idle
+// periods would have gained, much as an adaptive mutex decides: it spins
+// once this many idle periods in a row have ended within kIdleSpin, and
+// stops at the first one that does not; otherwise it blocks at once. A
+// dense stream or a run of requests keeps the spin; a sparse or paced
+// stream costs one wasted spin at most and from then on a wake-up per
+// entry. Two in a row, so that a pair of entries pushed together does not
+// buy spins that the next gaps would waste. An idle period spent blocked is
+// judged by the moment a publisher found the consumer waiting, so that the
+// slowness of the wake-up itself does not count against the stream.
+constexpr unsigned kBridgedInARowToSpin = 2;
+
+// How often a contended mutex is tried, pausing in between, before the
+// caller sleeps on it.
+constexpr unsigned kLockTries = 64;
+
+bool isSet(const std::atomic<bool>* flag) noexcept { return flag != nullptr && flag->load(std::memory_order_acquire); }
+
+}  // namespace
+
+constexpr std::chrono::seconds DispatchQueue::kIdleWait;
+
+std::unique_lock<std::mutex> DispatchQueue::lock() const {
+  // The mutex is held for a few dozen nanoseconds at a time. When a
+  // publisher and the consumer meet on it, sleeping would cost the one a
+  // futex wait and the other a futex wake, each far longer than the wait:
+  // on two cores that met on every other entry.
+  std::unique_lock<std::mutex> held(mutex_, std::try_to_lock);
+  for (unsigned tries = 0; !held.owns_lock() && tries < kLockTries; ++tries) {
+    VEXUTIL_CPU_RELAX();
+    held.try_lock();
+  }
+  if (!held.owns_lock()) {
+    held.lock();
+  }
+  return held;
+}
+
+void DispatchQueue::push(Entry entry, bool atBack) {
+  // diagnostics hook: queue time stamp
+  entry.queuedAtNs = diagnostics::queueStamp();
+  std::uint64_t count = 0;
+  {
+    const std::unique_lock<std::mutex> held = lock();
+    if (atBack) {
+      entries_.push_back(std::move(entry));
+    } else {
+      entries_.push_front(std::move(entry));
+    }
+    ++size_;
+    count = ++pushCount_;
+    if (wakeRequested_ == Clock::time_point::max()) {
+      // Once per wait of the consumer: when its idle period ended.
+      wakeRequested_ = Clock::now();
+    }
+  }
+  pushHint_.store(count, std::memory_order_release);
+  // With nobody waiting, notify_all() of a std::condition_variable only
+  // reads the condition's waiter count.
+  condition_.notify_all();
+}
+
+void DispatchQueue::wake() {
+  { const std::lock_guard<std::mutex> held(mutex_); }
+  condition_.notify_all();
+}
+
+void DispatchQueue::takeAll(Entries& into) noexcept {
+  const std::lock_guard<std::mutex> held(mutex_);
+  into.swap(entries_);
+  size_ = 0;
+}
+
+std::size_t DispatchQueue::size() const {
+  const std::lock_guard<std::mutex> held(mutex_);
+  return size_;
+}
+
+bool DispatchQueue::spinForPush(const std::atomic<bool>* stop) const {
+  // The spin gives way at every turn instead of pausing: the thread that the
+  // last delivery woke (a synchronous requester, a publisher) is often
+  // queued on this very core, and a spin that kept the core would make it
+  // wait for the spin to end. With nothing else to run, a yield returns at
+  // once and the spin goes on.
+  //
+  // Only a hint beyond what the consumer has seen counts: a publisher's
+  // store may still be on its way after the consumer saw its entry under
+  // the mutex, and an old value is no news.
+  const std::uint64_t seen = seenCount_;
+  const Clock::time_point spinEnd = Clock::now() + kIdleSpin;
+  while (pushHint_.load(std::memory_order_acquire) <= seen) {
+    if (isSet(stop) || Clock::now() >= spinEnd) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+void DispatchQueue::judgeIdlePeriod(bool bridged) noexcept {
+  bridgedInARow_ = bridged ? (std::min)(bridgedInARow_ + 1, kBridgedInARowToSpin) : 0;
+}
+
+void DispatchQueue::waitForPush(std::unique_lock<std::mutex>& held, bool judged, const std::atomic<bool>* stop) {
+  backlogged_ = false;
+  if (isSet(stop)) {
+    return;
+  }
+  const Clock::time_point idleStart = judged ? Clock::time_point() : Clock::now();
+  wakeRequested_ = Clock::time_point::max();
+  condition_.wait_for(held, kIdleWait);
+  if (wakeRequested_ != Clock::time_point::max()) {
+    // A publisher found the consumer waiting and took the time.
+    woken_ = true;
+    if (!judged) {
+      judgeIdlePeriod(wakeRequested_ - idleStart < kIdleSpin);
+    }
+  }
+  wakeRequested_ = Clock::time_point();
+}
+
+bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
+  // With nothing left behind the last entry, a consumer whose recent idle
+  // periods were short waits for a publisher's hint before it takes the
+  // mutex: a consumer that is ahead of its publishers then neither takes the
+  // mutex just to find the queue empty nor takes it while a publisher is
+  // still inside. Otherwise it goes straight to the queue and blocks there.
+  // Each idle period is judged once: by the spin, or by the wait that
+  // follows a look without a spin; the call after a wake-up judges nothing.
+  bool judged = backlogged_ || woken_;
+  woken_ = false;
+  if (!judged && spin_.mayEverSpin() && bridgedInARow_ >= kBridgedInARowToSpin) {
+    judgeIdlePeriod(spinForPush(stop));
+    judged = true;
+  }
+  std::unique_lock<std::mutex> held = lock();
+  seenCount_ = pushCount_;
+  if (size_ == 0) {
+    waitForPush(held, judged, stop);
+    return false;
+  }
+  if (!judged) {
+    judgeIdlePeriod(true);  // It arrived while the last one was delivered.
+  }
+  entry = std::move(entries_.front());
+  entries_.pop_front();
+  backlogged_ = --size_ != 0;
+  // diagnostics hook: dequeue (high-water mark, tracepoint)
+  diagnostics::noteDequeue(entry.get(), size_, entry.queuedAtNs);
+  return true;
+}
+
+}  // namespace eventmgr
+}  // namespace vexutil

@@ -1,0 +1,154 @@
+// DispatchQueue: the queue between the threads that publish and the one
+// dispatcher thread that takes and delivers.
+//
+// Entries are pushed at the back (events, synchronous requests) or at the
+// front (requests that must overtake what is queued) by any thread, and
+// taken from the front by one consumer thread. A consumer that finds the
+// queue empty waits on the queue's condition, at most kIdleWait at a time.
+// Before it waits it may spin for a short while, as its IdleSpin policy
+// says: the product spins adaptively, so that a dense stream or a run of
+// synchronous round trips costs no sleep and wake-up per event, while a
+// paced stream soon stops the spin.
+//
+// Thread safety
+//   push(), wake(), size() and takeAll() may be called from any thread.
+//   take() is called by one consumer thread at a time; its spin state is
+//   the consumer's own. No subscriber code runs in here.
+#ifndef VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
+#define VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include <boost/shared_ptr.hpp>
+
+#include "vexutil/eventmgr/BaseEvent.h"
+
+namespace vexutil {
+namespace eventmgr {
+
+// Whether a consumer that finds the queue empty spins before it blocks.
+class IdleSpin {
+ public:
+  // Spins for a few microseconds once the last idle periods were short
+  // enough for a spin to bridge them, and blocks at once otherwise.
+  static constexpr IdleSpin adaptive() noexcept { return IdleSpin(true); }
+  // Blocks as soon as the queue is empty; the baseline that the adaptive
+  // spin is measured against.
+  static constexpr IdleSpin never() noexcept { return IdleSpin(false); }
+
+  constexpr bool mayEverSpin() const noexcept { return mayEverSpin_; }
+
+ private:
+  constexpr explicit IdleSpin(bool mayEverSpin) noexcept : mayEverSpin_(mayEverSpin) {}
+  bool mayEverSpin_;
+};
+
+class DispatchQueue {
+  // The unit of cache coherence on the machines this runs on.
+  static constexpr std::size_t kCacheLine = 64;
+
+ public:
+  // A queued event. The copy made by an asynchronous publish belongs to the
+  // queue alone and is held without a shared count, which would cost an
+  // allocation and two atomic operations per event; an action is shared
+  // with its waiting requester.
+  struct Entry {
+    std::unique_ptr<BaseEvent> owned;
+    boost::shared_ptr<BaseEvent> shared;
+    // diagnostics hook: when it was queued (0 unless its wait is judged or traced)
+    std::int64_t queuedAtNs = 0;
+    const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
+  };
+  using Entries = std::deque<Entry>;
+
+  // The longest wait of take() on an empty queue.
+  static constexpr std::chrono::seconds kIdleWait{1};
+
+  // Throws std::bad_alloc if the queue cannot be set up.
+  explicit DispatchQueue(IdleSpin spin) : spin_(spin) {}
+  DispatchQueue(const DispatchQueue&) = delete;
+  DispatchQueue& operator=(const DispatchQueue&) = delete;
+
+  // Queues `entry` at the back (true) or the front (false) and wakes a
+  // waiting consumer. Throws std::bad_alloc with nothing queued if memory
+  // runs out.
+  void push(Entry entry, bool atBack);
+  // Consumer thread. Moves the front entry into `entry` and returns true; or,
+  // with the queue empty, waits for a push, a wake() or kIdleWait and
+  // returns false (an entry pushed meanwhile is taken by the next call).
+  // Does not wait while `stop`, if given, is set.
+  bool take(Entry& entry, const std::atomic<bool>* stop);
+  // Wakes a consumer that waits in take(). Passing through the mutex
+  // orders whatever the caller set before (a stop request) before the
+  // consumer's next look at the queue, so the wake-up cannot be missed.
+  void wake();
+  // Moves every queued entry into `into`, which must be empty: a swap, so
+  // nothing is allocated. Never throws.
+  void takeAll(Entries& into) noexcept;
+  // The number of queued entries.
+  std::size_t size() const;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  // Takes mutex_, trying briefly before it sleeps on it.
+  std::unique_lock<std::mutex> lock() const;
+  // Consumer thread, with the queue seen empty and mutex_ not held: spins,
+  // giving way, until a push is hinted at, `stop` is set or the spin window
+  // has passed. True when a push was hinted at.
+  bool spinForPush(const std::atomic<bool>* stop) const;
+  // Consumer thread: counts an idle period that a spin would (true) or
+  // would not (false) have bridged.
+  void judgeIdlePeriod(bool bridged) noexcept;
+  // Consumer thread, queue empty: waits on condition_ through `held`, which
+  // holds mutex_, and judges the idle period unless it was judged already.
+  void waitForPush(std::unique_lock<std::mutex>& held, bool judged, const std::atomic<bool>* stop);
+
+  const IdleSpin spin_;
+
+  // Publishers and the consumer meet on mutex_ once per entry; the rest is
+  // laid out so that, in the steady state, each other cache line is written
+  // by one side only: the mutex with the counts it guards; the condition;
+  // the consumer's own state; the deque (both ends: every push and take
+  // writes it, under the mutex); the publishers' hint.
+  alignas(kCacheLine) mutable std::mutex mutex_;
+  std::size_t size_ = 0;         // Always entries_.size(), without reading both ends. Guarded by mutex_.
+  std::uint64_t pushCount_ = 0;  // Entries ever pushed. Guarded by mutex_.
+  // Clock::time_point::max() while the consumer waits on condition_; the
+  // first push that finds it so replaces it by the time of the push, once
+  // per wait. Guarded by mutex_.
+  Clock::time_point wakeRequested_;
+
+  // Notified after every push.
+  alignas(kCacheLine) std::condition_variable condition_;
+
+  // Consumer thread only: the pushCount_ up to which it has seen the queue,
+  // whether entries were left behind the last one taken, whether it was woken
+  // by a push, and how many idle periods in a row a spin would have bridged.
+  alignas(kCacheLine) std::uint64_t seenCount_ = 0;
+  bool backlogged_ = false;
+  bool woken_ = false;
+  unsigned bridgedInARow_ = 0;
+
+  alignas(kCacheLine) Entries entries_;  // Guarded by mutex_.
+
+  // A publisher's pushCount_, stored after it let mutex_ go: a value beyond
+  // seenCount_ tells the spinning consumer that the mutex is worth taking,
+  // and taking it then does not meet the publisher inside it. A hint only:
+  // stores of concurrent publishers may land out of order and hide a newer
+  // value for a moment, so the consumer decides by size_, and its spin is
+  // bounded.
+  alignas(kCacheLine) std::atomic<std::uint64_t> pushHint_{0};
+};
+
+}  // namespace eventmgr
+}  // namespace vexutil
+
+#endif  // VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
