@@ -46,8 +46,6 @@ bool isSet(const std::atomic<bool>* flag) noexcept { return flag != nullptr && f
 
 }  // namespace
 
-constexpr std::chrono::seconds DispatchQueue::kIdleWait;
-
 std::unique_lock<std::mutex> DispatchQueue::lock() const {
   // The mutex is held for a few dozen nanoseconds at a time. When a
   // publisher and the consumer meet on it, sleeping would cost the one a
