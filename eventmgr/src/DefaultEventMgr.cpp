@@ -164,9 +164,9 @@ void DefaultEventMgr::shutDown() noexcept {
       ~WindowCloser() { detail::closeShutdownWindow(); }
     } const windowCloser;
     detail::switchInstanceToDummy();
-    // The queue is swapped with one made by the constructor: a shutdown has
-    // nothing to allocate, and so cannot run out of memory.
-    EventQueue& pending = shutDownQueue_;
+    // The queue's storage changes hands: a shutdown has nothing to allocate,
+    // and so cannot run out of memory.
+    DispatchQueue::Drained pending;
     queue_.takeAll(pending);
     if (dispatcher_) {
       dispatcher_->stop(this);
@@ -679,14 +679,14 @@ void DefaultEventMgr::ensureDispatcherRunning() {
   }
 }
 
-void DefaultEventMgr::releasePendingActions(EventQueue& events) {
-  for (const QueuedEvent& event : events) {
+void DefaultEventMgr::releasePendingActions(const DispatchQueue::Drained& events) {
+  events.forEach([](const QueuedEvent& event) {
     // The type test alone would trust a foreign event that claims the name.
     const auto* action = dynamic_cast<const ActionContainerEvent*>(event.get());
     if (action != nullptr) {
       action->markDone();
     }
-  }
+  });
 }
 
 // --- Synchronous requests ----------------------------------------------------------

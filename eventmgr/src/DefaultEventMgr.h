@@ -81,7 +81,6 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   using EventPtr = boost::shared_ptr<BaseEvent>;
 
   using QueuedEvent = DispatchQueue::Entry;
-  using EventQueue = DispatchQueue::Entries;
 
   // Orders subscribers by class id, then instance id: the client ordering of
   // clientLess for clients of one class, made a strict weak order for clients
@@ -187,7 +186,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   // Wakes a dispatcher that waits for events (used by stop()).
   void wakeDispatcher();
   // Marks every queued action done without running it; drops other events.
-  static void releasePendingActions(EventQueue& events);
+  static void releasePendingActions(const DispatchQueue::Drained& events);
 
   // Set once by the instance mechanism, before the manager is handed out.
   void setWeakSelf(const boost::shared_ptr<DefaultEventMgr>& self) { weakSelf_ = self; }
@@ -244,8 +243,6 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   MailerKey* building_ = nullptr;                                  // Guarded by mailerMutex_.
   mutable std::mutex mailerMutex_;
   std::condition_variable mailerBuilt_;  // Notified when a key leaves building_.
-  // Swapped with the queue at shutdown, which so allocates nothing.
-  EventQueue shutDownQueue_;
 
   // How a requester waits for its action.
   const SynchronousRequest syncRequest_;

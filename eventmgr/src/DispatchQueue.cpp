@@ -38,6 +38,9 @@ constexpr auto kIdleSpin = std::chrono::microseconds(10);
 // slowness of the wake-up itself does not count against the stream.
 constexpr unsigned kBridgedInARowToSpin = 2;
 
+// The slots of a ring's first storage; each doubling is rarer than the last.
+constexpr std::size_t kFirstCapacity = 64;
+
 // How often a contended mutex is tried, pausing in between, before the
 // caller sleeps on it.
 constexpr unsigned kLockTries = 64;
@@ -62,16 +65,33 @@ std::unique_lock<std::mutex> DispatchQueue::lock() const {
   return held;
 }
 
+void DispatchQueue::growLocked(const std::unique_lock<std::mutex>& /*held*/) {
+  const std::size_t capacity = capacity_ == 0 ? kFirstCapacity : capacity_ * 2;
+  std::unique_ptr<Entry[]> slots(new Entry[capacity]);
+  for (std::size_t i = 0; i < size_; ++i) {
+    slots[i] = std::move(slots_[(head_ + i) & (capacity_ - 1)]);
+  }
+  slots_ = std::move(slots);
+  capacity_ = capacity;
+  head_ = 0;
+  tail_ = size_;
+}
+
 void DispatchQueue::push(Entry entry, bool atBack) {
   // diagnostics hook: queue time stamp
   entry.queuedAtNs = diagnostics::queueStamp();
   std::uint64_t count = 0;
   {
     const std::unique_lock<std::mutex> held = lock();
+    if (size_ == capacity_) {
+      growLocked(held);
+    }
     if (atBack) {
-      entries_.push_back(std::move(entry));
+      slots_[tail_] = std::move(entry);
+      tail_ = (tail_ + 1) & (capacity_ - 1);
     } else {
-      entries_.push_front(std::move(entry));
+      head_ = (head_ - 1) & (capacity_ - 1);
+      slots_[head_] = std::move(entry);
     }
     ++size_;
     count = ++pushCount_;
@@ -91,10 +111,13 @@ void DispatchQueue::wake() {
   condition_.notify_all();
 }
 
-void DispatchQueue::takeAll(Entries& into) noexcept {
+void DispatchQueue::takeAll(Drained& into) noexcept {
   const std::lock_guard<std::mutex> held(mutex_);
-  into.swap(entries_);
-  size_ = 0;
+  into.slots_.swap(slots_);
+  std::swap(into.capacity_, capacity_);
+  into.head_ = head_;
+  into.count_ = size_;
+  head_ = tail_ = size_ = 0;
 }
 
 std::size_t DispatchQueue::size() const {
@@ -168,8 +191,8 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
   if (!judged) {
     judgeIdlePeriod(true);  // It arrived while the last one was delivered.
   }
-  entry = std::move(entries_.front());
-  entries_.pop_front();
+  entry = std::move(slots_[head_]);
+  head_ = (head_ + 1) & (capacity_ - 1);
   backlogged_ = --size_ != 0;
   // diagnostics hook: dequeue (high-water mark, tracepoint)
   diagnostics::noteDequeue(entry.get(), size_, entry.queuedAtNs);

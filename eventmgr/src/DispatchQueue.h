@@ -22,7 +22,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -66,7 +65,30 @@ class DispatchQueue {
     std::int64_t queuedAtNs = 0;
     const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
   };
-  using Entries = std::deque<Entry>;
+
+  // Everything that was queued, taken at once by takeAll(), in queue order.
+  class Drained {
+   public:
+    template <typename Visit>
+    void forEach(Visit visit) const {
+      for (std::size_t i = 0; i < count_; ++i) {
+        visit(slots_[(head_ + i) & (capacity_ - 1)]);
+      }
+    }
+    std::size_t size() const noexcept { return count_; }
+    // Destroys the entries (and so the events).
+    void clear() noexcept {
+      slots_.reset();
+      capacity_ = head_ = count_ = 0;
+    }
+
+   private:
+    friend class DispatchQueue;
+    std::unique_ptr<Entry[]> slots_;
+    std::size_t capacity_ = 0;
+    std::size_t head_ = 0;
+    std::size_t count_ = 0;
+  };
 
   // The longest wait of take() on an empty queue.
   static constexpr std::chrono::seconds kIdleWait{1};
@@ -89,9 +111,9 @@ class DispatchQueue {
   // orders whatever the caller set before (a stop request) before the
   // consumer's next look at the queue, so the wake-up cannot be missed.
   void wake();
-  // Moves every queued entry into `into`, which must be empty: a swap, so
-  // nothing is allocated. Never throws.
-  void takeAll(Entries& into) noexcept;
+  // Moves every queued entry into `into`, which must be empty: the storage
+  // changes hands, so nothing is allocated. Never throws.
+  void takeAll(Drained& into) noexcept;
   // The number of queued entries.
   std::size_t size() const;
 
@@ -110,21 +132,33 @@ class DispatchQueue {
   // Consumer thread, queue empty: waits on condition_ through `held`, which
   // holds mutex_, and judges the idle period unless it was judged already.
   void waitForPush(std::unique_lock<std::mutex>& held, bool judged, const std::atomic<bool>* stop);
+  // Doubles the storage (or makes the first), keeping the entries in order.
+  // `held` holds mutex_. Strong guarantee: throws std::bad_alloc with nothing
+  // changed.
+  void growLocked(const std::unique_lock<std::mutex>& held);
 
   const IdleSpin spin_;
 
+  // The entries live in a ring of slots whose size is a power of two: the
+  // front at head_, the back just before tail_. The ring grows by doubling
+  // when a push finds it full and never shrinks, so a steady stream pushes
+  // and takes without allocating.
+  //
   // Publishers and the consumer meet on mutex_ once per entry; the rest is
-  // laid out so that, in the steady state, each other cache line is written
-  // by one side only: the mutex with the counts it guards; the condition;
-  // the consumer's own state; the deque (both ends: every push and take
-  // writes it, under the mutex); the publishers' hint.
+  // laid out so that, in the steady state, every other cache line is written
+  // by one side only: the mutex, with the count and the storage it guards
+  // (the storage fields change only when the ring grows); the condition;
+  // the consumer's state with the front index; the back index with the
+  // publishers' hint.
   alignas(kCacheLine) mutable std::mutex mutex_;
-  std::size_t size_ = 0;         // Always entries_.size(), without reading both ends. Guarded by mutex_.
+  std::size_t size_ = 0;         // Guarded by mutex_.
   std::uint64_t pushCount_ = 0;  // Entries ever pushed. Guarded by mutex_.
   // Clock::time_point::max() while the consumer waits on condition_; the
   // first push that finds it so replaces it by the time of the push, once
   // per wait. Guarded by mutex_.
   Clock::time_point wakeRequested_;
+  std::unique_ptr<Entry[]> slots_;  // Guarded by mutex_.
+  std::size_t capacity_ = 0;        // Zero or a power of two. Guarded by mutex_.
 
   // Notified after every push.
   alignas(kCacheLine) std::condition_variable condition_;
@@ -136,16 +170,20 @@ class DispatchQueue {
   bool backlogged_ = false;
   bool woken_ = false;
   unsigned bridgedInARow_ = 0;
+  // The slot of the front entry. Guarded by mutex_; written by take() and,
+  // rarely, by a push at the front.
+  std::size_t head_ = 0;
 
-  alignas(kCacheLine) Entries entries_;  // Guarded by mutex_.
-
+  // The slot after the back entry. Guarded by mutex_; written by pushes at
+  // the back.
+  alignas(kCacheLine) std::size_t tail_ = 0;
   // A publisher's pushCount_, stored after it let mutex_ go: a value beyond
   // seenCount_ tells the spinning consumer that the mutex is worth taking,
   // and taking it then does not meet the publisher inside it. A hint only:
   // stores of concurrent publishers may land out of order and hide a newer
   // value for a moment, so the consumer decides by size_, and its spin is
   // bounded.
-  alignas(kCacheLine) std::atomic<std::uint64_t> pushHint_{0};
+  std::atomic<std::uint64_t> pushHint_{0};
 };
 
 }  // namespace eventmgr
