@@ -258,11 +258,11 @@ void BM_DeliveryPerSubscriber(benchmark::State& state) {
       DefaultEventMgr& eventMgr = manager();
       const BenchClock::time_point start = BenchClock::now();
       for (std::size_t i = 0; i < repetitions; ++i) {
-        eventMgr.deliver(routed);
+        eventMgr.deliver(*routed);
       }
       const BenchClock::time_point middle = BenchClock::now();
       for (std::size_t i = 0; i < repetitions; ++i) {
-        eventMgr.deliver(unrouted);
+        eventMgr.deliver(*unrouted);
       }
       const BenchClock::time_point end = BenchClock::now();
       routedTime = middle - start;
@@ -316,7 +316,7 @@ void BM_DeliveryBySubscriberKind(benchmark::State& state) {
       DefaultEventMgr& eventMgr = manager();
       const BenchClock::time_point start = BenchClock::now();
       for (std::size_t i = 0; i < repetitions; ++i) {
-        eventMgr.deliver(routed);
+        eventMgr.deliver(*routed);
       }
       elapsed = BenchClock::now() - start;
     });
@@ -370,7 +370,7 @@ void BM_RoutingPerTableSize(benchmark::State& state) {
       DefaultEventMgr& eventMgr = manager();
       const BenchClock::time_point start = BenchClock::now();
       for (std::size_t i = 0; i < repetitions; ++i) {
-        eventMgr.deliver(routed);
+        eventMgr.deliver(*routed);
       }
       elapsed = BenchClock::now() - start;
     });

@@ -99,7 +99,7 @@ TEST(EventManagerReports, NextPublisherPrintsTheLatestReportOnce) {
             }),
             "");
   EXPECT_EQ(sameName.count(), 1U);
-  const long position = DefaultEventMgr::ClientOrder()(throwing, recording) ? 0 : 1;
+  const long position = vexutil::eventmgr::ClientOrder()(throwing, recording) ? 0 : 1;
   EXPECT_EQ(printedBy([&] { manager.publish(BaseEvent(), false); }),
             expectedReport("VERSION 0\nTYPESLENGTH 2\nTYPES TestEvent::BaseEvent::\n", position, throwing,
                            "] Exception [Widget:value out of range\n"));

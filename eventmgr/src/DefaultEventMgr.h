@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
-// DefaultEventMgr: the working event manager.
-//
-// Data
-//   * the subscription table: per event type name, the set of subscribed
-//     clients, ordered by class id, then instance id, and the same clients as
-//     a flat array for delivery. Written and read only on the dispatcher
-//     thread (and by the constructor and destructor while no dispatcher
-//     runs). Each entry is shared with the deliveries that use it and copied
-//     only when it changes while a delivery holds it, so a delivery never
-//     copies n clients and a subscriber may change the subscriptions from
-//     inside notify() without disturbing it.
-//   * the event queue: events waiting for the dispatcher thread.
-//   * the mailer set of combined subscriptions.
-//   * the pending report: the latest unprinted subscriber-failure report.
+// DefaultEventMgr: the working event manager, a coordinator of parts that
+// each own one job and at most one lock:
+//   * DispatchQueue: the events and requests waiting for the dispatcher
+//     thread, and how that thread waits for them;
+//   * SubscriptionTable: who is subscribed to what, and delivery (dispatcher
+//     thread only);
+//   * MailerRegistry: the combined subscriptions;
+//   * SynchronousRequest: how another thread waits for a request it queued;
+//   * FailureReport: the latest unprinted subscriber-failure report;
+//   * EventDispatcher: the dispatcher thread itself.
+// The manager adds what ties them together: a publish is queued or run as a
+// request; a subscription change is a request that the dispatcher thread
+// applies to the table; the dispatcher thread takes from the queue and
+// delivers through the table.
 //
 // Lifetime
 //   The owner's last share does not free the manager: it shuts it down
@@ -34,40 +34,29 @@
 //   A waiting requester also takes ToDoAdapter::toDoMutex_ while it holds its
 //   SyncData mutex, and lets that mutex go before it drops a share of the
 //   manager, since the drop may run shutDown(), which takes the instance mutex.
-//   the failure report's mutex, mailerMutex_ and the shutdown window's mutex (Instance.h;
-//   closed under the instance mutex) are leaves: nothing is taken while they
-//   are held, and none is held while waiting for the dispatcher (a thread
-//   that waits for an equal mailer being built waits on mailerBuilt_ with
-//   mailerMutex_ released).
+//   The failure report's mutex, the mailer registry's mutex and the shutdown
+//   window's mutex (Instance.h; closed under the instance mutex) are leaves:
+//   nothing is taken while they are held, and none is held while waiting for
+//   the dispatcher.
 //   No lock of the manager is held while a subscriber or an action runs.
 #ifndef VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
 #define VEXUTIL_EVENTMGR_SRC_DEFAULTEVENTMGR_H
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
-#include <memory>
-#include <mutex>
-#include <set>
+#include <cstddef>
 #include <string>
-#include <unordered_map>
-#include <utility>
-#include <vector>
 
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/smart_ptr/local_shared_ptr.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include "Corvane/System/ThreadId.h"
+#include "ClientOrder.h"
 #include "DispatchQueue.h"
 #include "FailureReport.h"
 #include "Instance.h"
+#include "MailerRegistry.h"
+#include "SubscriptionTable.h"
 #include "SynchronousRequest.h"
 #include "vexutil/eventmgr/EventMgr.h"
-#include "vexutil/eventmgr/ProxyMailer.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
 
 namespace vexutil {
@@ -79,49 +68,11 @@ class EventDispatcher;
 class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
  public:
   using EventPtr = boost::shared_ptr<BaseEvent>;
-
   using QueuedEvent = DispatchQueue::Entry;
 
-  // Orders subscribers by class id, then instance id: the client ordering of
-  // clientLess for clients of one class, made a strict weak order for clients
-  // of different classes so that the set stays well-formed.
-  struct ClientOrder {
-    bool operator()(const ClientPtr& a, const ClientPtr& b) const {
-      const std::uint64_t classA = a->getClassId();
-      const std::uint64_t classB = b->getClassId();
-      if (classA != classB) {
-        return classA < classB;
-      }
-      return a->getInstanceId() < b->getInstanceId();
-    }
-  };
-  using ClientSet = std::set<ClientPtr, ClientOrder>;
-
-  // The subscribers of one type name: the ordered set, and the same proxies
-  // in the same order as a flat array, which is what deliveries walk. The
-  // array is rebuilt by the first delivery after a change; an entry is only
-  // changed in place while no delivery holds it (see the overview).
-  struct Subscribers {
-    Subscribers() = default;
-    explicit Subscribers(ClientSet set) : clients(std::move(set)) {}
-    // Rebuilds deliveryOrder; false, with the array empty, if memory runs out.
-    bool tryBuildDeliveryOrder() noexcept;
-
-    ClientSet clients;
-    std::vector<ClientProxy*> deliveryOrder;  // Owned by `clients`.
-    bool deliveryOrderCurrent = false;
-  };
-
-  // Orders mailers as ProxyMailer::operator< does for clients of one class;
-  // clients of different classes are ordered by class id instead of each
-  // being less than the other, which a std::set cannot hold.
-  struct MailerOrder {
-    bool operator()(const boost::shared_ptr<ProxyMailer>& a, const boost::shared_ptr<ProxyMailer>& b) const;
-  };
-
-  // Sets up the queue, tables and dispatcher, subscribes the dispatcher to
-  // "ActionContainerEvent" and starts the dispatcher thread. If anything
-  // fails, no thread is left running and the exception passes out.
+  // Sets up the parts, subscribes the dispatcher to "ActionContainerEvent"
+  // and starts the dispatcher thread. If anything fails, no thread is left
+  // running and the exception passes out.
   DefaultEventMgr();
   // Shuts the manager down if that has not happened yet, then joins a
   // dispatcher thread that was stopped from inside a delivery.
@@ -135,7 +86,7 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   void shutDown() noexcept;
   // Dispatcher thread: shutDown() and retire this manager once the delivery
   // in progress has ended. Used when a subscriber lets the last share go.
-  void shutDownAfterDelivery() noexcept;
+  void shutDownAfterDelivery() noexcept { shutDownAfterDelivery_ = true; }
 
   using EventMgr::subscribe;
   using EventMgr::unSubscribe;
@@ -154,24 +105,17 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   void unSubscribe(const TypeList& delayedInputTypes, const TypeList& triggerInputTypes,
                    const ClientPtr& client) override;
 
-  // --- Dispatcher-thread operations ---------------------------------------
+  // --- Dispatcher thread ----------------------------------------------------
 
-  // Adds `client` to the set of `eventType`; a duplicate subscriber is
-  // dropped. Strong guarantee: if memory runs out, nothing has changed.
-  void addSubscription(const std::string& eventType, const ClientPtr& client);
-  // Removes the same subscriber from the set of `eventType`, if present.
-  // Strong guarantee, as addSubscription().
-  void removeSubscription(const std::string& eventType, const ClientPtr& client);
-  // Calls every subscriber of every type name of the event; failures become
-  // the pending report. Never throws: a report that cannot be composed for
-  // lack of memory is dropped, and delivery goes on.
-  void deliver(const EventPtr& event) noexcept;
-  void deliver(const BaseEvent& event) noexcept;
+  // The table's operations (see SubscriptionTable).
+  void addSubscription(const std::string& eventType, const ClientPtr& client) { table_.add(eventType, client); }
+  void removeSubscription(const std::string& eventType, const ClientPtr& client) { table_.remove(eventType, client); }
+  void deliver(const BaseEvent& event) noexcept { table_.deliver(event); }
   // One cycle of the dispatcher loop: delivers at most one queued event, or
   // waits up to one second for one.
   void dispatchNext();
 
-  // --- Support ------------------------------------------------------------
+  // --- Any thread -------------------------------------------------------------
 
   // Starts the dispatcher thread if it exists and does not run.
   void ensureDispatcherRunning();
@@ -181,82 +125,44 @@ class DefaultEventMgr final : public EventMgr, public ToDoAdapter {
   bool hasPendingReport() const noexcept { return failureReport_.isPending(); }
   // True on the dispatcher thread.
   bool isDispatcherThread() const noexcept;
-  // True when the dispatcher exists and its stop was requested.
-  bool isStopping() const noexcept;
   // Wakes a dispatcher that waits for events (used by stop()).
-  void wakeDispatcher();
-  // Marks every queued action done without running it; drops other events.
-  static void releasePendingActions(const DispatchQueue::Drained& events);
-
+  void wakeDispatcher() { queue_.wake(); }
   // Set once by the instance mechanism, before the manager is handed out.
   void setWeakSelf(const boost::shared_ptr<DefaultEventMgr>& self) { weakSelf_ = self; }
   boost::shared_ptr<EventDispatcher> getDispatcher() const { return dispatcher_; }
-  std::size_t getMailerCount() const;
+  std::size_t getMailerCount() const { return mailers_.size(); }
 
  private:
-  // Runs `function` on the dispatcher thread and waits for it, polling every
-  // millisecond. Throws NotifyDeadlockException on the dispatcher thread,
-  // and std::bad_alloc if the request cannot be made (nothing is queued
-  // then). `holder`, if given, is the caller's share of the manager; it is
-  // let go once the request is queued.
-  void runSynchronously(boost::function0<void> function, bool atBack,
-                        boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
-  // Queues `action` and waits for it, as runSynchronously(). Rethrows what
-  // the action handed over in its SyncData::failure.
-  void runAction(const boost::shared_ptr<ActionContainerEvent>& action, bool atBack,
-                 boost::shared_ptr<DefaultEventMgr> holder);
+  using Share = boost::shared_ptr<DefaultEventMgr>;
+
+  // Throws NotifyDeadlockException on the dispatcher thread, where waiting for
+  // the dispatcher would wait for ever.
+  void refuseOnDispatcherThread() const;
+  // Queues `action` and waits until the dispatcher thread has run it,
+  // polling (see SynchronousRequest); rethrows what the action handed over in
+  // its SyncData::failure. Refused on the dispatcher thread; throws
+  // std::bad_alloc with nothing queued if the request cannot be made.
+  // `holder`, if given, is the caller's share of the manager; it is let go
+  // once the request is queued.
+  void runAction(const boost::shared_ptr<ActionContainerEvent>& action, bool atBack, Share holder);
   // Adds (`add`) or removes the subscription of `client` to `eventType` on
   // the dispatcher thread and waits; a failure there passes out here.
-  void changeSubscription(const std::string& eventType, const ClientPtr& client, bool add,
-                          boost::shared_ptr<DefaultEventMgr> holder = boost::shared_ptr<DefaultEventMgr>());
-  // The mailer of `client` made from the same two sets of names, or null.
-  // Caller holds mailerMutex_.
-  boost::shared_ptr<ProxyMailer> findMailerLocked(const ClientProxy& client, const std::set<std::string>& delayed,
-                                                  const std::set<std::string>& trigger) const;
-  // Calls client.notify(event); a failure becomes the pending report.
-  void notifyClient(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept;
-  // Adjusts the client-subscription count when the set of `eventType`
-  // changes size.
-  void countSubscriptions(const std::string& eventType, long delta);
+  void changeSubscription(const std::string& eventType, const ClientPtr& client, bool add, Share holder = Share());
+  // changeSubscription() for each name of `eventTypes`. Each name waits for
+  // the dispatcher and the manager may be shut down while one waits, so each
+  // takes a share of the manager through the weak reference and the loop
+  // ends when there is none any more, never touching `this` again.
+  void changeEach(const TypeList& eventTypes, const ClientPtr& client, bool add);
+  // Marks every queued action done without running it; drops other events.
+  static void releasePendingActions(const DispatchQueue::Drained& events);
 
   boost::weak_ptr<DefaultEventMgr> weakSelf_;
-
-  // Events waiting for the dispatcher thread.
   DispatchQueue queue_{IdleSpin::adaptive()};
-
-  // A combined subscription whose mailer a thread is building; lives on
-  // that thread's stack, linked into building_ while it is built.
-  struct MailerKey {
-    const ClientProxy* client;
-    std::set<std::string> delayed;
-    std::set<std::string> trigger;
-    Corvane::System::ThreadId builder;
-    MailerKey* next;
-  };
-  // Waits until no thread builds a mailer equal to `key`; false (at once)
-  // when the calling thread itself builds one. `lock` holds mailerMutex_.
-  bool awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& lock, const MailerKey& key);
-  // Takes `key` off building_ and wakes the threads that wait for it.
-  void endBuild(MailerKey& key) noexcept;
-
-  std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers_;  // Guarded by mailerMutex_.
-  MailerKey* building_ = nullptr;                                  // Guarded by mailerMutex_.
-  mutable std::mutex mailerMutex_;
-  std::condition_variable mailerBuilt_;  // Notified when a key leaves building_.
-
-  // How a requester waits for its action.
-  const SynchronousRequest syncRequest_;
-
-  // Dispatcher thread only (see the overview).
-  // Counted without atomic operations: only the dispatcher thread ever
-  // copies or drops these pointers (see the overview).
-  std::unordered_map<std::string, boost::local_shared_ptr<Subscribers>> table_;
-  // Client subscriptions, without the dispatcher's own; read by any thread.
-  std::atomic<unsigned int> subscriptionCount_{0};
-
-  boost::shared_ptr<EventDispatcher> dispatcher_;
-
   FailureReport failureReport_;
+  SubscriptionTable table_;  // Dispatcher thread only.
+  MailerRegistry mailers_;
+  const SynchronousRequest syncRequest_;
+  boost::shared_ptr<EventDispatcher> dispatcher_;
 
   bool shutDown_ = false;                   // Guarded by the instance mutex.
   bool shutDownAfterDelivery_ = false;      // Dispatcher thread only.
