@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The dispatcher thread: delivery on it, queue order, restart after a
 // failure, and the manager's shutdown.
+#include <deque>
+
 #include "DispatchQueue.h"
 #include "EventDispatcher.h"
 #include "UnitTest.h"
@@ -97,17 +99,48 @@ TEST(EventDispatcher, EndedThreadIsReplacedAtNextPublish) {
   ASSERT_EQ(recorder.count(), 1U);
   EXPECT_EQ(recorder.deliveries().front().thread, dispatcher->getThreadId());
 }
+using vexutil::eventmgr::DispatchQueue;
+using vexutil::eventmgr::IdleSpin;
+
+DispatchQueue::Entry entry(int payload) { return DispatchQueue::Entry{std::make_unique<TestEvent>(payload), {}}; }
+int payloadOf(const DispatchQueue::Entry& taken) { return static_cast<const TestEvent*>(taken.get())->payload(); }
+
+// The queue keeps its order across growth and wrap-around of its storage, a push at the front overtakes
+// everything queued, and takeAll() hands over every entry in order, leaving an empty queue that still works.
+TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
+  DispatchQueue queue(IdleSpin::never());
+  const std::atomic<bool> stopped{true};  // take() on an empty queue returns at once.
+  std::deque<int> expected;
+  DispatchQueue::Entry taken;
+  for (int next = 0; next < 900;) {
+    for (int i = 0; i < 3; ++i, ++next) {  // Three in, two out: the storage wraps and grows.
+      const bool atBack = next % 7 != 0;
+      queue.push(entry(next), atBack);
+      atBack ? expected.push_back(next) : expected.push_front(next);
+    }
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_TRUE(queue.take(taken, &stopped));
+      ASSERT_EQ(payloadOf(taken), expected.front());
+      expected.pop_front();
+    }
+  }
+  EXPECT_EQ(queue.size(), expected.size());
+  DispatchQueue::Drained drained;
+  queue.takeAll(drained);
+  std::vector<int> all;
+  drained.forEach([&all](const DispatchQueue::Entry& each) { all.push_back(payloadOf(each)); });
+  EXPECT_EQ(all, std::vector<int>(expected.begin(), expected.end()));
+  EXPECT_FALSE(queue.take(taken, &stopped));
+  queue.push(entry(-1), false);
+  ASSERT_TRUE(queue.take(taken, &stopped));
+  EXPECT_EQ(payloadOf(taken), -1);
+}
+
 // The queue hands every entry over once, each pusher's in its order, whether its consumer spins between
 // entries or blocks: entries that each find it idle (the next is pushed once the last was taken), a
 // burst from two threads at once, then quick round trips, which start the adaptive spin again after
 // the idle entries stopped it.
 TEST(DispatchQueue, HandsOverEveryEntryOnceInOrderWhetherItSpinsOrBlocks) {
-  using vexutil::eventmgr::DispatchQueue;
-  using vexutil::eventmgr::IdleSpin;
-  const auto entry = [](int payload) { return DispatchQueue::Entry{std::make_unique<TestEvent>(payload), {}}; };
-  const auto payloadOf = [](const DispatchQueue::Entry& taken) {
-    return static_cast<const TestEvent*>(taken.get())->payload();
-  };
   constexpr int kEvents = 2000;  // Per origin: one at a time, two bursts, then round trips.
   for (const IdleSpin spin : {IdleSpin::never(), IdleSpin::adaptive()}) {
     SCOPED_TRACE(spin.mayEverSpin() ? "adaptive" : "never");
