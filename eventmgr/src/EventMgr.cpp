@@ -45,10 +45,7 @@ class Immortal {
 Immortal<boost::mutex> instanceMutexStorage VEXUTIL_EARLY_STATIC;
 Immortal<DummyEventMgr> dummyStorage VEXUTIL_EARLY_STATIC;
 
-EventMgr* creatingInstance();
 EventMgr* dummyInstance() { return &dummyStorage.get(); }
-
-using InstanceFunction = EventMgr* (*)();
 
 // The shutdown window (see Instance.h): open while the flag is set; closing
 // it notifies the condition under the mutex.
@@ -65,20 +62,16 @@ std::atomic<bool> managerLeftInParent{false};
 // In a forked child, the parent's manager, never shut down (see Owner).
 Immortal<boost::shared_ptr<DefaultEventMgr>> leftInParentStorage VEXUTIL_EARLY_STATIC;
 
-// The function that instance() calls: creating until shutdown, then dummy.
-std::atomic<InstanceFunction> instanceFunction{&creatingInstance};
-// The default manager once it exists; lets instance() skip the mutex.
+// What instance() returns: null until the default manager is created (the
+// next call creates it), then that manager, and the no-op manager from the
+// start of its shutdown on, for the rest of the process. Written under the
+// instance mutex; read without it.
 std::atomic<EventMgr*> currentManager{nullptr};
-// Set when the default manager has been destroyed; guarded by the mutex.
-bool shutDown = false;
 
 // The head of the retired list (DefaultEventMgr::nextRetired_ links the
 // rest). Guarded by the instance mutex; a plain pointer, so that it is usable
 // at any time during exit.
 DefaultEventMgr* retiredManagers = nullptr;
-// The manager that has been created and not yet shut down; guarded by the
-// instance mutex.
-DefaultEventMgr* liveManager = nullptr;
 
 // The deleter of the owner's shares: shuts the manager down and retires it,
 // on whichever thread lets the last share go; on the dispatcher thread (a
@@ -129,8 +122,6 @@ void afterForkInChild() noexcept {
   shutdownWindowOpen.store(false, std::memory_order_release);
   if (owner.manager || currentManager.load(std::memory_order_acquire) != nullptr) {
     managerLeftInParent.store(true, std::memory_order_release);
-    shutDown = true;
-    instanceFunction.store(&dummyInstance, std::memory_order_release);
     currentManager.store(dummyInstance(), std::memory_order_release);
   }
 }
@@ -140,29 +131,22 @@ void afterForkInChild() noexcept {
 const int forkHandlerRegistered = pthread_atfork(nullptr, nullptr, &afterForkInChild);
 
 EventMgr* creatingInstance() {
-  EventMgr* current = currentManager.load(std::memory_order_acquire);
-  if (current != nullptr) {
-    return current;
-  }
   boost::mutex::scoped_lock lock(instanceMutexStorage.get());
-  if (shutDown) {
-    return dummyInstance();
+  if (EventMgr* const current = currentManager.load(std::memory_order_acquire)) {
+    return current;  // Made by another thread meanwhile, or shut down.
   }
-  if (!owner.manager) {
-    // Everything that can fail comes before the manager is published; a
-    // failure leaves the instance mechanism as it was, for the next call.
-    boost::shared_ptr<void> shares(static_cast<void*>(nullptr), RetireManager());
-    auto* const deleter = boost::get_deleter<RetireManager>(shares);
-    auto* const created = new DefaultEventMgr;
-    if (deleter != nullptr) {  // Always: `shares` was made with this deleter.
-      deleter->manager = created;
-    }
-    owner.manager = boost::shared_ptr<DefaultEventMgr>(shares, created);
-    created->setWeakSelf(owner.manager);
-    liveManager = created;
-    currentManager.store(created, std::memory_order_release);
+  // Everything that can fail comes before the manager is published; a
+  // failure leaves the instance mechanism as it was, for the next call.
+  boost::shared_ptr<void> shares(static_cast<void*>(nullptr), RetireManager());
+  auto* const deleter = boost::get_deleter<RetireManager>(shares);
+  auto* const created = new DefaultEventMgr;
+  if (deleter != nullptr) {  // Always: `shares` was made with this deleter.
+    deleter->manager = created;
   }
-  return owner.manager.get();
+  owner.manager = boost::shared_ptr<DefaultEventMgr>(shares, created);
+  created->setWeakSelf(owner.manager);
+  currentManager.store(created, std::memory_order_release);
+  return created;
 }
 
 }  // namespace
@@ -172,16 +156,16 @@ namespace detail {
 boost::mutex& instanceMutex() { return instanceMutexStorage.get(); }
 
 void switchInstanceToDummy() {
-  if (!shutDown && liveManager != nullptr) {
+  EventMgr* const current = currentManager.load(std::memory_order_acquire);
+  if (current != nullptr && current != dummyInstance()) {
+    // The default manager's shutdown begins: the window opens once.
     shutdownWindowOpen.store(true, std::memory_order_release);
   }
-  shutDown = true;
-  instanceFunction.store(&dummyInstance, std::memory_order_release);
   currentManager.store(dummyInstance(), std::memory_order_release);
 }
 
 void ensureDefaultManagerCreated() {
-  if (instanceFunction.load(std::memory_order_acquire) == &creatingInstance) {
+  if (currentManager.load(std::memory_order_acquire) == nullptr) {
     creatingInstance();
   }
 }
@@ -240,9 +224,6 @@ void retire(DefaultEventMgr* manager) noexcept {
   boost::mutex::scoped_lock lock(instanceMutexStorage.get());
   manager->nextRetired_ = retiredManagers;
   retiredManagers = manager;
-  if (liveManager == manager) {
-    liveManager = nullptr;
-  }
 }
 
 void destroyRetiredManagers() noexcept {
@@ -265,7 +246,7 @@ void rearmInstanceForTesting() {
   for (;;) {
     {
       boost::mutex::scoped_lock lock(instanceMutexStorage.get());
-      if (liveManager == nullptr || owner.manager || boost::chrono::steady_clock::now() > deadline) {
+      if (retiredManagers != nullptr || owner.manager || boost::chrono::steady_clock::now() > deadline) {
         break;
       }
     }
@@ -273,9 +254,7 @@ void rearmInstanceForTesting() {
   }
   destroyRetiredManagers();
   boost::mutex::scoped_lock lock(instanceMutexStorage.get());
-  shutDown = false;
   currentManager.store(nullptr, std::memory_order_release);
-  instanceFunction.store(&creatingInstance, std::memory_order_release);
 }
 
 }  // namespace detail
@@ -283,7 +262,10 @@ void rearmInstanceForTesting() {
 EventMgr::EventMgr() = default;
 EventMgr::~EventMgr() = default;
 
-EventMgr* EventMgr::instance() { return instanceFunction.load(std::memory_order_acquire)(); }
+EventMgr* EventMgr::instance() {
+  EventMgr* const current = currentManager.load(std::memory_order_acquire);
+  return current != nullptr ? current : creatingInstance();
+}
 
 }  // namespace eventmgr
 }  // namespace vexutil

@@ -7,9 +7,10 @@
 //     and is held across its whole destructor;
 //   * the owner: the shared pointer that keeps the default manager alive;
 //   * the no-op manager handed out after shutdown;
-//   * the current instance function: "create or return the default manager"
-//     until the default manager is destroyed, "return the no-op manager"
-//     from then on, for the rest of the process.
+//   * the current manager: none until the first instance() creates the
+//     default manager, then that manager, and the no-op manager from the
+//     start of its shutdown on, for the rest of the process;
+//   * the retired list and the shutdown window (below).
 //
 // The owner is let go when the library is unloaded or the process exits.
 // Its last share shuts the manager down (stopping and joining its dispatcher
