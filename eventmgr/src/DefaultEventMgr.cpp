@@ -58,47 +58,6 @@ struct ChangeSubscription {
   }
 };
 
-// The manager's side of the polls of a waiting requester (see
-// SynchronousRequest). Between polls only the weak reference remains, so that
-// the manager can be shut down meanwhile. If this thread ends up letting the
-// manager go, the shutdown marks the queued actions done, this one included:
-// it must not find the action's mutex held by its own thread, so shares are
-// let go with the mutex released.
-class PollingRequester {
- public:
-  PollingRequester(boost::weak_ptr<DefaultEventMgr> manager, ActionContainerEvent::Lock& lock)
-      : weakManager_(std::move(manager)), lock_(lock) {}
-  bool beginPoll() {
-    manager_ = weakManager_.lock();
-    if (!manager_) {
-      return false;  // Shut down: the request is released without having run.
-    }
-    try {
-      // A dispatcher that cannot be started now is tried again at the next
-      // poll: the request is queued and must not be given up.
-      manager_->ensureDispatcherRunning();
-    } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
-    }
-    manager_->printPendingReport();
-    return true;
-  }
-  // A handed-off function that throws leaves its dispatcher blocked in the
-  // hand-off until shutdown, so the request cannot run before then either:
-  // the exception passes out.
-  void servePoll() { manager_->invokeOnceOnMainThread(); }
-  void endPoll() { dropUnlocked(manager_); }
-  void dropUnlocked(boost::shared_ptr<DefaultEventMgr>& share) {
-    lock_.unlock();
-    share.reset();
-    lock_.lock();
-  }
-
- private:
-  boost::weak_ptr<DefaultEventMgr> weakManager_;
-  ActionContainerEvent::Lock& lock_;
-  boost::shared_ptr<DefaultEventMgr> manager_;
-};
-
 }  // namespace
 
 DefaultEventMgr::DefaultEventMgr()
@@ -355,7 +314,7 @@ void DefaultEventMgr::runAction(const boost::shared_ptr<ActionContainerEvent>& a
   queue_.push(QueuedEvent{nullptr, action}, atBack);
   // diagnostics hook: synchronous wait start and end tracepoints
   const diagnostics::SyncWaitProbe waitProbe(action.get());
-  PollingRequester requester(weakSelf_, lock);
+  PollingRequester<DefaultEventMgr> requester(weakSelf_, lock);
   requester.dropUnlocked(holder);
   // Set before the action was marked done, under the mutex held here.
   if (syncRequest_.await(*action, lock, requester) && action->syncData->failure) {

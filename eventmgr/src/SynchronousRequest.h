@@ -18,6 +18,10 @@
 #define VEXUTIL_EVENTMGR_SRC_SYNCHRONOUSREQUEST_H
 
 #include <chrono>
+#include <utility>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include "ActionContainerEvent.h"
 #include "DiagnosticsHooks.h"
@@ -88,6 +92,49 @@ class SynchronousRequest {
   static void printReport() noexcept;
 
   unsigned long reportPoll_;
+};
+
+// The manager's side of the polls of a waiting requester, the Requester of
+// SynchronousRequest::await() for a manager with ensureDispatcherRunning(),
+// printPendingReport() and invokeOnceOnMainThread(). Between polls only the weak reference remains, so that
+// the manager can be shut down meanwhile. If this thread ends up letting the
+// manager go, the shutdown marks the queued actions done, this one included:
+// it must not find the action's mutex held by its own thread, so shares are
+// let go with the mutex released.
+template <typename Manager>
+class PollingRequester {
+ public:
+  PollingRequester(boost::weak_ptr<Manager> manager, ActionContainerEvent::Lock& lock)
+      : weakManager_(std::move(manager)), lock_(lock) {}
+  bool beginPoll() {
+    manager_ = weakManager_.lock();
+    if (!manager_) {
+      return false;  // Shut down: the request is released without having run.
+    }
+    try {
+      // A dispatcher that cannot be started now is tried again at the next
+      // poll: the request is queued and must not be given up.
+      manager_->ensureDispatcherRunning();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): see above.
+    }
+    manager_->printPendingReport();
+    return true;
+  }
+  // A handed-off function that throws leaves its dispatcher blocked in the
+  // hand-off until shutdown, so the request cannot run before then either:
+  // the exception passes out.
+  void servePoll() { manager_->invokeOnceOnMainThread(); }
+  void endPoll() { dropUnlocked(manager_); }
+  void dropUnlocked(boost::shared_ptr<Manager>& share) {
+    lock_.unlock();
+    share.reset();
+    lock_.lock();
+  }
+
+ private:
+  boost::weak_ptr<Manager> weakManager_;
+  ActionContainerEvent::Lock& lock_;
+  boost::shared_ptr<Manager> manager_;
 };
 
 }  // namespace eventmgr
