@@ -90,7 +90,6 @@ void EventDispatcher::stop(DefaultEventMgr* manager) {
   manager->wakeDispatcher();
   if (!isDispatcherThread() && thread_ && thread_->joinable()) {
     thread_->join();
-    forgetThread();
   }
 }
 
@@ -98,18 +97,10 @@ void EventDispatcher::join() {
   boost::mutex::scoped_lock lock(mutex_);
   if (thread_ && thread_->joinable() && !isDispatcherThread()) {
     thread_->join();
-    forgetThread();
   }
 }
 
-void EventDispatcher::forgetThread() noexcept {
-  // The id of a finished thread may be given to a new one; none must be
-  // taken for this dispatcher's.
-  threadId_.store(Corvane::System::ThreadId(), std::memory_order_release);
-}
-
 void EventDispatcher::run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager) {
-  threadId_.store(Corvane::System::ThreadId::self(), std::memory_order_release);
   FlagGuard runningGuard(running_);
   CurrentDispatcherScope currentScope(this);
   startBarrier->wait();

@@ -3,18 +3,18 @@
 // dispatcher thread.
 //
 // The thread calls the manager's dispatchNext() until a stop is requested.
-// start() returns only when the new thread has recorded its id and is
-// running, so right after start() the thread can be recognised. An exception
-// out of dispatchNext() ends the thread quietly; the manager's next
-// ensureDispatcherRunning() starts a new one, with a new thread id. stop()
-// is final: the stop request is never withdrawn.
+// start() returns only when the new thread has marked itself as this
+// dispatcher's (current()) and is running, so right after start() the thread
+// can be recognised. An exception out of dispatchNext() ends the thread
+// quietly; the manager's next ensureDispatcherRunning() starts a new one.
+// stop() is final: the stop request is never withdrawn.
 //
 // Thread safety
 //   start() and stop() are serialised by mutex_ and may be called from any
 //   thread; stop() joins while holding it, and the dispatcher thread never
-//   takes it. The flags and the thread id are atomics: they are read without
-//   a lock by the loop, by ensureDispatcherRunning() and by the
-//   dispatcher-thread test.
+//   takes it. The flags are atomics: they are read without a lock by the loop
+//   and by ensureDispatcherRunning(). Which dispatcher, if any, runs on a
+//   thread is that thread's own (thread-local) record.
 //   mutex_ is the start/stop mutex of the lock order in DefaultEventMgr.h.
 #ifndef VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
 #define VEXUTIL_EVENTMGR_SRC_EVENTDISPATCHER_H
@@ -27,7 +27,6 @@
 #include <boost/thread/thread.hpp>
 
 #include "ActionContainerEvent.h"
-#include "Corvane/System/ThreadId.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -68,22 +67,15 @@ class EventDispatcher {
   // The stop request itself, for a wait that must not begin once it is set.
   const std::atomic<bool>& stopFlag() const noexcept { return stopRequested_; }
 
-  // The id of the dispatcher thread; no thread before the first start.
-  Corvane::System::ThreadId getThreadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
-
-  // True when the calling thread is this dispatcher's thread.
-  bool isDispatcherThread() const noexcept { return Corvane::System::ThreadId::self() == getThreadId(); }
-
   // The dispatcher whose loop runs on the calling thread, or null.
   static EventDispatcher* current() noexcept;
 
- private:
-  // After a join: the thread id no longer names a thread.
-  void forgetThread() noexcept;
+  // True when the calling thread is this dispatcher's thread.
+  bool isDispatcherThread() const noexcept { return current() == this; }
 
+ private:
   boost::shared_ptr<boost::thread> thread_;  // Guarded by mutex_.
   std::atomic<bool> stopRequested_{false};
-  std::atomic<Corvane::System::ThreadId> threadId_{Corvane::System::ThreadId()};
   std::atomic<bool> running_{false};
   boost::mutex mutex_;  // Serialises start() and stop().
 };
