@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Installs, with apt-get, whatever this project needs that the machine lacks.
-# Usage: scripts/install-deps.sh [core|all|packaging|docs]
+# Usage: scripts/install-deps.sh [core|all|packaging|analysis|docs]
 #   core:      building the library, the demo and the tests (default)
 #   all:       also the systems that the comparison benchmark measures
 #   packaging: also the Debian package build, lintian and the ABI check tools
+#   analysis:  also Clang, for the thread-safety analysis (scripts/thread-safety.sh)
 #   docs:      also Doxygen and Graphviz, for the API reference (target `docs`)
 set -euo pipefail
 
@@ -15,8 +16,9 @@ case "$group" in
   core) ;;
   all) packages+=(libboost-dev qtbase5-dev libconcurrentqueue-dev gnuplot-nox) ;;
   packaging) packages+=(debhelper dpkg-dev fakeroot lintian abigail-tools binutils) ;;
+  analysis) packages+=(clang) ;;
   docs) packages+=(doxygen graphviz) ;;
-  *) echo "unknown group: $group (core, all, packaging or docs)" >&2; exit 2 ;;
+  *) echo "unknown group: $group (core, all, packaging, analysis or docs)" >&2; exit 2 ;;
 esac
 
 missing=()

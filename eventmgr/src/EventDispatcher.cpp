@@ -57,7 +57,7 @@ EventDispatcher::~EventDispatcher() {
 EventDispatcher* EventDispatcher::current() noexcept { return currentDispatcher; }
 
 void EventDispatcher::start(DefaultEventMgr* manager) {
-  boost::mutex::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (isRunning()) {
     return;
   }
@@ -82,7 +82,7 @@ void EventDispatcher::start(DefaultEventMgr* manager) {
 }
 
 void EventDispatcher::stop(DefaultEventMgr* manager) {
-  boost::mutex::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!isRunning()) {
     return;
   }
@@ -94,7 +94,7 @@ void EventDispatcher::stop(DefaultEventMgr* manager) {
 }
 
 void EventDispatcher::join() {
-  boost::mutex::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (thread_ && thread_->joinable() && !isDispatcherThread()) {
     thread_->join();
   }

@@ -23,10 +23,10 @@
 
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/barrier.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "ActionContainerEvent.h"
+#include "ThreadSafety.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -42,16 +42,16 @@ class EventDispatcher {
   EventDispatcher& operator=(const EventDispatcher&) = delete;
 
   // Starts the thread unless it is running; returns once it runs.
-  void start(DefaultEventMgr* manager);
+  void start(DefaultEventMgr* manager) VEXUTIL_EXCLUDES(mutex_);
 
   // Requests the stop, wakes the loop and, unless called on the dispatcher
   // thread itself, joins the thread. Does nothing when the thread does not
   // run (the stop request then stays unset).
-  void stop(DefaultEventMgr* manager);
+  void stop(DefaultEventMgr* manager) VEXUTIL_EXCLUDES(mutex_);
 
   // Joins a thread that was stopped from inside its own delivery, unless
   // called on it. Does nothing when there is no such thread.
-  void join();
+  void join() VEXUTIL_EXCLUDES(mutex_);
 
   // The thread function.
   void run(const boost::shared_ptr<boost::barrier>& startBarrier, DefaultEventMgr* manager);
@@ -74,10 +74,10 @@ class EventDispatcher {
   bool isDispatcherThread() const noexcept { return current() == this; }
 
  private:
-  boost::shared_ptr<boost::thread> thread_;  // Guarded by mutex_.
+  boost::shared_ptr<boost::thread> thread_ VEXUTIL_GUARDED_BY(mutex_);
   std::atomic<bool> stopRequested_{false};
   std::atomic<bool> running_{false};
-  boost::mutex mutex_;  // Serialises start() and stop().
+  Mutex mutex_;  // Serialises start(), stop() and join().
 };
 
 }  // namespace eventmgr

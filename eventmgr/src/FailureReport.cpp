@@ -35,7 +35,7 @@ void FailureReport::store(const BaseEvent& event, std::size_t position, const Cl
                           const Corvane::System::IUserException* userException) noexcept {
   try {
     std::string report = compose(event, static_cast<long>(position), client, userException);
-    boost::mutex::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     report_ = std::move(report);
     pending_.store(true, std::memory_order_release);
   } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory, or the event could not describe
@@ -49,7 +49,7 @@ void FailureReport::store(const BaseEvent& event, std::size_t position, const Cl
 void FailureReport::takeAndPrint() noexcept {
   std::string report;
   try {
-    boost::mutex::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!pending_.load(std::memory_order_relaxed)) {
       return;
     }

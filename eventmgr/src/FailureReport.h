@@ -16,7 +16,7 @@
 #include <cstddef>
 #include <string>
 
-#include <boost/thread/mutex.hpp>
+#include "ThreadSafety.h"
 
 namespace Corvane {
 namespace System {
@@ -52,11 +52,11 @@ class FailureReport {
   bool isPending() const noexcept { return pending_.load(std::memory_order_acquire); }
 
  private:
-  void takeAndPrint() noexcept;
+  void takeAndPrint() noexcept VEXUTIL_EXCLUDES(mutex_);
 
   std::atomic<bool> pending_{false};  // Written under mutex_.
-  std::string report_;                // Guarded by mutex_.
-  boost::mutex mutex_;
+  std::string report_ VEXUTIL_GUARDED_BY(mutex_);
+  Mutex mutex_;
 };
 
 }  // namespace eventmgr

@@ -35,7 +35,7 @@ void MailerRegistry::subscribe(const TypeList& delayedInputTypes, const TypeList
           std::set<std::string>(triggerInputTypes.begin(), triggerInputTypes.end()), Corvane::System::ThreadId::self(),
           nullptr};
   {
-    std::unique_lock<std::mutex> held(mutex_);
+    MutexLock held(mutex_);
     if (!awaitNoEqualBuildLocked(held, key) || manager.expired() || findLocked(held, key)) {
       return;
     }
@@ -60,7 +60,7 @@ void MailerRegistry::subscribe(const TypeList& delayedInputTypes, const TypeList
     // end of the shutdown, whose last delivery may still reach it.
     return;
   }
-  const std::lock_guard<std::mutex> held(mutex_);
+  const MutexLock held(mutex_);
   // If the insertion fails, the new mailer withdraws its subscriptions as it
   // goes.
   mailers_.insert(std::move(mailer));
@@ -73,7 +73,7 @@ void MailerRegistry::unSubscribe(const std::set<std::string>& delayed, const std
   }
   const Key key{client.get(), delayed, trigger, Corvane::System::ThreadId::self(), nullptr};
   boost::shared_ptr<ProxyMailer> erased;
-  std::unique_lock<std::mutex> held(mutex_);
+  MutexLock held(mutex_);
   // An equal subscription being made is waited for, and then removed.
   awaitNoEqualBuildLocked(held, key);
   // The set holds at most one mailer per client and pair of sets.
@@ -86,7 +86,7 @@ void MailerRegistry::unSubscribe(const std::set<std::string>& delayed, const std
   // mutex_.
 }
 
-bool MailerRegistry::awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& held, const Key& key) {
+bool MailerRegistry::awaitNoEqualBuildLocked(MutexLock& held, const Key& key) {
   for (;;) {
     const Key* equal = building_;
     while (equal != nullptr && !equal->matches(*key.client, key.delayed, key.trigger)) {
@@ -98,13 +98,13 @@ bool MailerRegistry::awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& held,
     if (equal->builder == key.builder) {
       return false;  // Made again from inside its own building (a hand-off): it is under way.
     }
-    built_.wait(held);
+    built_.wait(held.forWait());
   }
 }
 
 void MailerRegistry::endBuild(Key& key) noexcept {
   {
-    const std::lock_guard<std::mutex> held(mutex_);
+    const MutexLock held(mutex_);
     Key** link = &building_;
     while (*link != &key) {
       link = &(*link)->next;
@@ -114,8 +114,7 @@ void MailerRegistry::endBuild(Key& key) noexcept {
   built_.notify_all();
 }
 
-boost::shared_ptr<ProxyMailer> MailerRegistry::findLocked(const std::unique_lock<std::mutex>& /*held*/,
-                                                          const Key& key) const {
+boost::shared_ptr<ProxyMailer> MailerRegistry::findLocked(const MutexLock& /*held*/, const Key& key) const {
   for (const boost::shared_ptr<ProxyMailer>& mailer : mailers_) {
     if (key.matches(*mailer->getClient(), mailer->getDelayedInputTypes(), mailer->getTriggerInputTypes())) {
       return mailer;
@@ -127,7 +126,7 @@ boost::shared_ptr<ProxyMailer> MailerRegistry::findLocked(const std::unique_lock
 void MailerRegistry::clearAll() noexcept {
   std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers;
   {
-    const std::lock_guard<std::mutex> held(mutex_);
+    const MutexLock held(mutex_);
     mailers.swap(mailers_);
   }
   // Emptied mailers withdraw nothing when they are destroyed.
@@ -137,7 +136,7 @@ void MailerRegistry::clearAll() noexcept {
 }
 
 std::size_t MailerRegistry::size() const {
-  const std::lock_guard<std::mutex> held(mutex_);
+  const MutexLock held(mutex_);
   return mailers_.size();
 }
 

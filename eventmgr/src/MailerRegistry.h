@@ -20,7 +20,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -28,6 +27,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include "Corvane/System/ThreadId.h"
+#include "ThreadSafety.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
 
@@ -80,16 +80,16 @@ class MailerRegistry {
 
   // Waits until no thread builds a mailer equal to `key`; false (at once)
   // when the calling thread itself builds one. `held` holds mutex_.
-  bool awaitNoEqualBuildLocked(std::unique_lock<std::mutex>& held, const Key& key);
+  bool awaitNoEqualBuildLocked(MutexLock& held, const Key& key) VEXUTIL_REQUIRES(mutex_);
   // Takes `key` off building_ and wakes the threads that wait for it.
-  void endBuild(Key& key) noexcept;
+  void endBuild(Key& key) noexcept VEXUTIL_EXCLUDES(mutex_);
   // The mailer equal to `key`, or null. `held` holds mutex_.
-  boost::shared_ptr<ProxyMailer> findLocked(const std::unique_lock<std::mutex>& held, const Key& key) const;
+  boost::shared_ptr<ProxyMailer> findLocked(const MutexLock& held, const Key& key) const VEXUTIL_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers_;  // Guarded by mutex_.
-  Key* building_ = nullptr;                                        // Guarded by mutex_.
-  std::condition_variable built_;                                  // Notified when a key leaves building_.
+  mutable Mutex mutex_;
+  std::set<boost::shared_ptr<ProxyMailer>, MailerOrder> mailers_ VEXUTIL_GUARDED_BY(mutex_);
+  Key* building_ VEXUTIL_GUARDED_BY(mutex_) = nullptr;
+  std::condition_variable built_;  // Notified when a key leaves building_.
 };
 
 }  // namespace eventmgr
