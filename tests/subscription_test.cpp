@@ -106,9 +106,9 @@ TEST(EventHelper, NamesTheChainInEveryConstructorAndClonesTheWholeObject) {
   EXPECT_EQ(static_cast<const TestEvent&>(*tagged).payload(), 7);
 }
 
-// Proves: handles (lambda, member; name, list, combined) deliver what they subscribed and, destroyed on any thread,
-// withdraw exactly their own; a handle and a raw subscription of one handler, or two equal lambdas, are two
-// subscribers.
+// Proves: handles (lambda, member; name, list, combined) deliver what they subscribed, only events of their handler's
+// class, and, destroyed on any thread, withdraw exactly their own; a handle and a raw subscription of one handler, or
+// two equal lambdas, are two subscribers.
 TEST(SubscriptionHandle, DeliversAndWithdrawsExactlyWhatItSubscribed) {
   const unsigned before = subscriptions();
   Editor editor;
@@ -145,8 +145,14 @@ TEST(SubscriptionHandle, DeliversAndWithdrawsExactlyWhatItSubscribed) {
     EXPECT_FALSE(combined.active());  // NOLINT(bugprone-use-after-move): moved-from owns nothing.
   }
   EXPECT_EQ(subscriptions(), before + 1);
-  publish(EditEvent(1, 12));
-  publish(CommitEvent(3));
+  {
+    // Edit handlers listed for CommitEvent: a commit is not of their class and reaches neither.
+    const Subscription lambdaForCommits =
+        subscribe(TypeList{"CommitEvent"}, [&](const EditEvent& edit) { lambdaEdits.push_back(edit.sequence()); });
+    const Subscription memberForCommits = subscribe(TypeList{"CommitEvent"}, &editor, &Editor::onEdit);
+    publish(EditEvent(1, 12));
+    publish(CommitEvent(3));
+  }
   EXPECT_EQ(lambdaEdits, (std::vector<std::uint64_t>{10, 11, 12}));
   EXPECT_EQ(editor.documents.size(), 3u);
   EXPECT_EQ(editor.edits.size(), 2u);

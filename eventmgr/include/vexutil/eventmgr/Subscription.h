@@ -97,6 +97,17 @@ class VEXUTIL_API HandleClient : public ClientProxy {
  protected:
   HandleClient() = default;
   bool isActive() const noexcept { return active_.load(std::memory_order_relaxed); }
+  /// True if a handler of `Event` is to be called with `event`: the handle
+  /// is active and the event's type list names Event (any event for a
+  /// BaseEvent handler).
+  template <typename Event>
+  bool accepts(const BaseEvent& event) const {
+    if constexpr (std::is_same<Event, BaseEvent>::value) {
+      return isActive();
+    } else {
+      return isActive() && event.isOfType(Event::typeName());
+    }
+  }
 
  private:
   std::atomic<bool> active_{true};
@@ -109,15 +120,9 @@ class CallableClient final : public HandleClient {
   explicit CallableClient(Callable callable) : callable_(std::move(callable)) {}
 
   void notify(const BaseEvent& event) const override {
-    if (!isActive()) {
-      return;
+    if (accepts<Event>(event)) {
+      callable_(static_cast<const Event&>(event));
     }
-    if constexpr (!std::is_same<Event, BaseEvent>::value) {
-      if (!event.isOfType(Event::typeName())) {
-        return;
-      }
-    }
-    callable_(static_cast<const Event&>(event));
   }
 
  private:
@@ -207,15 +212,9 @@ class MemberClient final : public HandleClient {
   MemberClient(Target* target, Handler handler) : target_(target), handler_(handler) {}
 
   void notify(const BaseEvent& event) const override {
-    if (!isActive()) {
-      return;
+    if (accepts<Event>(event)) {
+      (target_->*handler_)(static_cast<const Event&>(event));
     }
-    if constexpr (!std::is_same<Event, BaseEvent>::value) {
-      if (!event.isOfType(Event::typeName())) {
-        return;
-      }
-    }
-    (target_->*handler_)(static_cast<const Event&>(event));
   }
 
  private:
