@@ -102,7 +102,7 @@ TEST(CombinedSubscription, ConcurrentEqualSubscriptionsBuildOneMailer) {
     first = std::thread(subscribe);
     ASSERT_TRUE(eventually([&] { return manager.getPendingEventCount() == 1; }));
     second = std::thread(subscribe);
-    eventuallyWithin(std::chrono::milliseconds(500), [&] { return manager.getPendingEventCount() == 2; });
+    eventually([&] { return manager.getPendingEventCount() == 2; }, std::chrono::milliseconds(500));
     manager.publish(NamedEvent("Both", 1), false);
   }
   first.join();

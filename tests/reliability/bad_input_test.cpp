@@ -6,43 +6,14 @@
 // nothing already accepted may be lost. The single-name forms are in
 // EventManager.BadInputIsANoOp (tests/event_manager_test.cpp), calls after
 // shutdown in ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
-#include <gtest/gtest.h>
-
 #include <new>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "DefaultEventMgr.h"
-#include "TestSupport.h"
+#include "UnitTest.h"
 #include "vexutil/contextmgr/ContextRegistry.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
 
 using vexutil::contextmgr::ContextBase;
 using vexutil::contextmgr::ContextFactoryBase;
 using vexutil::contextmgr::ContextRegistry;
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::EventMgr;
-using vexutil::eventmgr::ToDoAdapter;
-using namespace vexutil::testing_support;
-using Names = std::vector<std::string>;
-
-namespace {
-
-// A TestEvent whose most derived names are whatever the test says.
-struct Named : TestEvent {
-  Named(Names names, int payload) : TestEvent(std::move(names), payload) {}
-  Named* clone() const override { return new Named(*this); }
-};
-
-EventMgr::ClientPtr proxyFor(Recorder& recorder) {
-  return EventMgr::ClientPtr(new ClientAdapter<Recorder, TestEvent>(&recorder, &Recorder::onTest));
-}
-
-}  // namespace
 
 // Misused list forms, inert subscribers and failing clones neither wait for a held dispatcher nor lose queued events.
 TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
@@ -53,17 +24,17 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
     TestEvent* clone() const override { throw std::bad_alloc(); }
   };
   using Adapter = ClientAdapter<Recorder, TestEvent>;
-  vexutil::eventmgr::DefaultEventMgr& manager = defaultManager();
+  DefaultEventMgr& manager = defaultManager();
   Recorder recorder;
   Recorder odd;
   Recorder blocker;
-  const EventMgr::ClientPtr client = proxyFor(recorder);
+  const EventMgr::ClientPtr client = clientFor(recorder);
   manager.subscribe(Names{"", "A", "", "B", "A"}, client);  // Empty names skipped, the repeat kept once.
   // Accepted, but they never hand anything over: no names, a delayed name without a trigger ("" is skipped),
   // a trigger with nothing held, a null target, a null handler.
-  manager.subscribe(Names{}, Names{}, proxyFor(odd));
-  manager.subscribe(Names{"", "Held"}, Names{""}, proxyFor(odd));
-  manager.subscribe(Names{}, Names{"B"}, proxyFor(odd));
+  manager.subscribe(Names{}, Names{}, clientFor(odd));
+  manager.subscribe(Names{"", "Held"}, Names{""}, clientFor(odd));
+  manager.subscribe(Names{}, Names{"B"}, clientFor(odd));
   manager.subscribe(Names{"A", "Other"}, EventMgr::ClientPtr(new Adapter(nullptr, &Recorder::onTest)));
   manager.subscribe(Names{"A"}, Names{"B"}, EventMgr::ClientPtr(new Adapter(&odd, nullptr)));
   Gate holding;
@@ -73,10 +44,10 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
     EXPECT_TRUE(release.wait());
   });
   manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
-  manager.publish(vexutil::inputreqevt::InputRequestEvent(), false);
+  manager.publish(InputRequestEvent(), false);
   ASSERT_TRUE(holding.wait());
   for (int i = 1; i <= 5; ++i) {
-    manager.publish(Named({i == 5 ? "Held" : i % 2 == 0 ? "A" : "B"}, i), false);
+    manager.publish(NamedEvent(Names{i == 5 ? "Held" : i % 2 == 0 ? "A" : "B"}, i), false);
   }
   manager.subscribe(Names{}, client);
   manager.subscribe(Names{"C", "D"}, EventMgr::ClientPtr());
@@ -91,7 +62,7 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   EXPECT_THROW(manager.publish(ThrowingClone(), true), std::bad_alloc);
   EXPECT_EQ(manager.getPendingEventCount(), 5U);
   // Removing what was never subscribed waits, jumps the queue and leaves it alone.
-  std::thread remover([&] { manager.unSubscribe(Names{"", "Unknown", "A", "B"}, proxyFor(blocker)); });
+  std::thread remover([&] { manager.unSubscribe(Names{"", "Unknown", "A", "B"}, clientFor(blocker)); });
   while (manager.getPendingEventCount() < 6) {
     std::this_thread::yield();
   }
@@ -101,16 +72,16 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 2, 3, 4}));
   EXPECT_EQ(odd.count(), 0U);
   // Removed with the same lists; any null-target adapter of the class is the same subscriber.
-  manager.unSubscribe(Names{}, Names{}, proxyFor(odd));
-  manager.unSubscribe(Names{"Held", ""}, Names{""}, proxyFor(odd));
-  manager.unSubscribe(Names{}, Names{"B"}, proxyFor(odd));
-  manager.unSubscribe(Names{"A"}, Names{"B"}, proxyFor(odd));
+  manager.unSubscribe(Names{}, Names{}, clientFor(odd));
+  manager.unSubscribe(Names{"Held", ""}, Names{""}, clientFor(odd));
+  manager.unSubscribe(Names{}, Names{"B"}, clientFor(odd));
+  manager.unSubscribe(Names{"A"}, Names{"B"}, clientFor(odd));
   manager.unSubscribe(Names{"Other", "A"}, EventMgr::ClientPtr(new Adapter(nullptr, nullptr)));
   manager.unSubscribe(Names{"", "Unknown", "A"}, client);
   EXPECT_EQ(manager.getMailerCount(), 0U);
   EXPECT_EQ(manager.getSubscriptionCount(), 2U);  // "B" and the blocker's: "" was never subscribed.
-  manager.publish(Named({"A"}, 6), true);
-  manager.publish(Named({"B"}, 7), true);
+  manager.publish(NamedEvent(Names{"A"}, 6), true);
+  manager.publish(NamedEvent(Names{"B"}, 7), true);
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 2, 3, 4, 7}));
 }
 
@@ -126,12 +97,12 @@ TEST(ReliabilityBadInput, OddEventTypeListsAreRoutedSafely) {
   // An empty hand-off on the dispatcher returns at once, although nobody pumps.
   byRepeat.setAction([](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl(boost::function0<void>()); });
   ::testing::internal::CaptureStdout();
-  manager.publish(Named({""}, 1), true);
-  manager.publish(Named({"Twice", "Twice"}, 2), false);  // Delivered once per entry.
+  manager.publish(NamedEvent(Names{""}, 1), true);
+  manager.publish(NamedEvent(Names{"Twice", "Twice"}, 2), false);  // Delivered once per entry.
   ASSERT_TRUE(byRepeat.waitFor(2));
-  manager.publish(Named({"NobodyListens"}, 3), false);
+  manager.publish(NamedEvent(Names{"NobodyListens"}, 3), false);
   for (int i = 4; i < 8; ++i) {
-    manager.publish(Named({"ActionContainerEvent"}, i), i % 2 == 0);  // Never run as a request.
+    manager.publish(NamedEvent(Names{"ActionContainerEvent"}, i), i % 2 == 0);  // Never run as a request.
   }
   manager.publish(TestEvent(8), true);  // The manager's own requests still work.
   manager.publish(BaseEvent(), false);  // Would print a failure report.
