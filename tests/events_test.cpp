@@ -8,9 +8,6 @@
 #include "ActionContainerEvent.h"
 #include "UnitTest.h"
 
-using vexutil::eventmgr::ActionContainerEvent;
-using vexutil::eventmgr::clientLess;
-
 namespace {
 std::string describe(const BaseEvent& event) {
   std::ostringstream out;

@@ -4,8 +4,6 @@
 #include "UnitTest.h"
 #include "vexutil/eventmgr/ProxyMailer.h"
 
-using vexutil::eventmgr::ProxyMailer;
-
 // Delayed events wait for a trigger, which hands over the subscription's copies in order, once, without itself.
 // A type in both lists comes last in its own batch; unSubscribe with the lists in another order removes all.
 TEST(CombinedSubscription, DelayedEventsWaitForTrigger) {

@@ -6,8 +6,6 @@
 
 #include "UnitTest.h"
 
-using vexutil::eventmgr::ClientProxy;
-
 namespace {
 
 constexpr std::chrono::milliseconds kChanceToReturnEarly(500);

@@ -12,12 +12,6 @@
 
 namespace {
 
-using vexutil::eventmgr::Event;
-using vexutil::eventmgr::subscribe;
-using vexutil::eventmgr::subscribeCombined;
-using vexutil::eventmgr::Subscription;
-using vexutil::eventmgr::TypeList;
-
 class DocumentEvent : public Event<DocumentEvent> {
  public:
   explicit DocumentEvent(int document) : document_(document) {}

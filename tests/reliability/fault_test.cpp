@@ -123,7 +123,7 @@ TEST(ReliabilityFaults, ShutdownWithWaitersAndQueuedEventsRepeatedly) {
       // Holds the dispatcher until the shutdown has taken the queue and asked it to stop.
       blocker.setAction([&holding](const BaseEvent&) {
         holding.open();
-        while (!vexutil::eventmgr::EventDispatcher::current()->isStopRequested()) {
+        while (!EventDispatcher::current()->isStopRequested()) {
           std::this_thread::yield();
         }
       });
@@ -156,7 +156,7 @@ TEST(ReliabilityFaults, ShutdownWithWaitersAndQueuedEventsRepeatedly) {
       }
       EXPECT_EQ(std::count(seen.begin(), seen.end(), EventMgr::instance()), static_cast<long>(requests.size()));
       dynamic_cast<ToDoAdapter&>(*EventMgr::instance()).invokeOnceOnMainThread();  // The host's pump.
-      EXPECT_FALSE(vexutil::eventmgr::detail::isDefaultManagerCreated());
+      EXPECT_FALSE(detail::isDefaultManagerCreated());
       EXPECT_EQ(blocker.count(), 1U);
       EXPECT_EQ(subscribed.count(), 0U);
       return 0;

@@ -34,12 +34,7 @@
 #include "vexutil/inputreqevt/InputRequestEvent.h"
 
 using Corvane::System::ThreadId;
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::DefaultEventMgr;
-using vexutil::eventmgr::EventMgr;
-using vexutil::eventmgr::NotifyDeadlockException;
-using vexutil::eventmgr::ToDoAdapter;
+using namespace vexutil::eventmgr;  // NOLINT(google-build-using-namespace): the library under test.
 using vexutil::inputreqevt::InputRequestEvent;
 using Names = std::vector<std::string>;
 
