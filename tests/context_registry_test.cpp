@@ -2,11 +2,7 @@
 // The context registry makes, saves, restores, clones and destroys sets of
 // per-context objects, one per factory in registration order.
 #include "UnitTest.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
 
-using vexutil::contextmgr::ContextBase;
-using vexutil::contextmgr::ContextFactoryBase;
-using vexutil::contextmgr::ContextRegistry;
 using Set = ContextRegistry::ContextVector;
 
 namespace {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The failure observer, slow-subscriber reports, live counts and environment thresholds (tracepoints:
 // tracepoints_test.sh).
-#include <iterator>
 
 #include "Corvane/System/UserException.h"
 #include "UnitTest.h"

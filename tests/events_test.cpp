@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Events carry their type chain, clone and describe themselves; clients are
 // ordered by their identity.
-#include <cstdint>
-#include <sstream>
 #include <tuple>
 
 #include "ActionContainerEvent.h"

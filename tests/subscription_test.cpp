@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Event<Class, Base> classes, and Subscription handles of every form, reset from outside and from their own handler.
-#include <cstdint>
-#include <string>
-#include <thread>
 #include <typeinfo>
-#include <utility>
-#include <vector>
 
 #include "UnitTest.h"
 #include "vexutil/vexutil.h"

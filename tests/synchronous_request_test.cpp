@@ -2,8 +2,6 @@
 // Requests that wait for the dispatcher: the poll loop and its deadlock
 // report, printing a failure report while they wait, and refused on the
 // dispatcher thread itself.
-#include <string>
-#include <utility>
 
 #include "ActionContainerEvent.h"
 #include "SynchronousRequest.h"

@@ -6,20 +6,11 @@
 // child with a manager of its own, which the parent never makes.
 #include <pthread.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
 #include <future>
-#include <new>
 #include <regex>
 
 #include "FailingAllocation.h"
 #include "UnitTest.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
-
-using vexutil::contextmgr::ContextBase;
-using vexutil::contextmgr::ContextFactoryBase;
-using vexutil::contextmgr::ContextRegistry;
 
 namespace {
 

@@ -6,14 +6,8 @@
 // nothing already accepted may be lost. The single-name forms are in
 // EventManager.BadInputIsANoOp (tests/event_manager_test.cpp), calls after
 // shutdown in ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
-#include <new>
 
 #include "UnitTest.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
-
-using vexutil::contextmgr::ContextBase;
-using vexutil::contextmgr::ContextFactoryBase;
-using vexutil::contextmgr::ContextRegistry;
 
 // Misused list forms, inert subscribers and failing clones neither wait for a held dispatcher nor lose queued events.
 TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {

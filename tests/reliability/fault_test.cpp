@@ -5,10 +5,6 @@
 // build, the allocator's figures in the plain one. Each run has a manager of its own, in a forked child.
 #include <malloc.h>
 
-#include <iostream>
-#include <new>
-#include <sstream>
-
 #include "Corvane/System/UserException.h"
 #include "EventDispatcher.h"
 #include "UnitTest.h"

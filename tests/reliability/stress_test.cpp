@@ -4,9 +4,6 @@
 // event) stamps each delivery's end. A client MUST get an event once per name subscribed before the publish and
 // removed after the delivery, MAY when the spans overlap, else must not. VEXUTIL_STRESS_START=<n> repeats the
 // random choices, VEXUTIL_STRESS_SECONDS=<s> sets the length (default 3).
-#include <array>
-#include <cstdint>
-#include <iostream>
 #include <random>
 
 #include "UnitTest.h"

@@ -10,14 +10,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -27,6 +35,7 @@
 #include "Corvane/System/ThreadId.h"
 #include "DefaultEventMgr.h"
 #include "Instance.h"
+#include "vexutil/contextmgr/ContextRegistry.h"
 #include "vexutil/eventmgr/BaseEvent.h"
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/NotifyDeadlockException.h"
@@ -34,7 +43,8 @@
 #include "vexutil/inputreqevt/InputRequestEvent.h"
 
 using Corvane::System::ThreadId;
-using namespace vexutil::eventmgr;  // NOLINT(google-build-using-namespace): the library under test.
+using namespace vexutil::contextmgr;  // NOLINT(google-build-using-namespace): the library under test.
+using namespace vexutil::eventmgr;    // NOLINT(google-build-using-namespace)
 using vexutil::inputreqevt::InputRequestEvent;
 using Names = std::vector<std::string>;
 
