@@ -4,7 +4,6 @@
 
 #include "Corvane/System/UserException.h"
 #include "UnitTest.h"
-#include "vexutil/eventmgr/Diagnostics.h"
 
 using Kind = DiagnosticReport::Kind;
 

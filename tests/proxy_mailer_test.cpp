@@ -2,7 +2,6 @@
 // Combined subscriptions through the manager's two-list subscribe and
 // unSubscribe: what is held back, what the client receives, and when.
 #include "UnitTest.h"
-#include "vexutil/eventmgr/ProxyMailer.h"
 
 // Delayed events wait for a trigger, which hands over the subscription's copies in order, once, without itself.
 // A type in both lists comes last in its own batch; unSubscribe with the lists in another order removes all.

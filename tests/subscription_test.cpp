@@ -3,7 +3,6 @@
 #include <typeinfo>
 
 #include "UnitTest.h"
-#include "vexutil/vexutil.h"
 
 namespace {
 

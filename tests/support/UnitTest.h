@@ -19,9 +19,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <iterator>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -35,12 +35,7 @@
 #include "Corvane/System/ThreadId.h"
 #include "DefaultEventMgr.h"
 #include "Instance.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
-#include "vexutil/eventmgr/BaseEvent.h"
-#include "vexutil/eventmgr/EventMgr.h"
-#include "vexutil/eventmgr/NotifyDeadlockException.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
+#include "vexutil/vexutil.h"
 
 using Corvane::System::ThreadId;
 using namespace vexutil::contextmgr;  // NOLINT(google-build-using-namespace): the library under test.
@@ -152,20 +147,21 @@ class Recorder {
     const std::lock_guard<std::mutex> lock(mutex_);
     return deliveries_;
   }
-  std::vector<int> payloads() const {
-    std::vector<int> result;
+  // What `field` makes of each delivery.
+  template <typename Field>
+  auto collect(Field field) const {
+    std::vector<decltype(field(Delivery{}))> result;
     for (const Delivery& delivery : deliveries()) {
-      result.push_back(delivery.payload);
+      result.push_back(field(delivery));
     }
     return result;
   }
+  std::vector<int> payloads() const {
+    return collect([](const Delivery& delivery) { return delivery.payload; });
+  }
   // Each delivery as "<first type name><payload>", e.g. "Edit1".
   Names labels() const {
-    Names result;
-    for (const Delivery& delivery : deliveries()) {
-      result.push_back(delivery.firstType + std::to_string(delivery.payload));
-    }
-    return result;
+    return collect([](const Delivery& delivery) { return delivery.firstType + std::to_string(delivery.payload); });
   }
   std::size_t count() const { return received_.value(); }
   bool waitFor(std::size_t target) const { return received_.waitFor(target); }
