@@ -3,13 +3,13 @@
 // names, empty lists or null clients, inert subscribers, events whose clone
 // fails or whose type list is odd, and context sets with null entries. Each
 // must be a defined no-op or a clear error, never a crash or a hang, and
-// nothing already accepted may be lost. The single-name forms are in
-// EventManager.BadInputIsANoOp (tests/event_manager_test.cpp), calls after
-// shutdown in ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
+// nothing already accepted may be lost. Calls after shutdown are in
+// ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
 
 #include "UnitTest.h"
 
-// Misused list forms, inert subscribers and failing clones neither wait for a held dispatcher nor lose queued events.
+// Misused single-name and list forms, inert subscribers and failing clones neither wait for a held dispatcher nor
+// lose queued events; single-name calls with null clients, targets or handlers, or empty names, do nothing.
 TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   struct NullClone : TestEvent {
     TestEvent* clone() const override { return nullptr; }
@@ -43,6 +43,13 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   for (int i = 1; i <= 5; ++i) {
     manager.publish(NamedEvent(Names{i == 5 ? "Held" : i % 2 == 0 ? "A" : "B"}, i), false);
   }
+  manager.subscribe("TestEvent", EventMgr::ClientPtr());
+  manager.subscribe("", &odd, &Recorder::onTest);
+  manager.subscribe("TestEvent", static_cast<Recorder*>(nullptr), &Recorder::onTest);
+  manager.subscribe("TestEvent", &odd, static_cast<void (Recorder::*)(const TestEvent&)>(nullptr));
+  manager.unSubscribe("TestEvent", EventMgr::ClientPtr());
+  manager.unSubscribe("", &recorder, &Recorder::onTest);
+  manager.unSubscribe("TestEvent", static_cast<Recorder*>(nullptr), &Recorder::onTest);
   manager.subscribe(Names{}, client);
   manager.subscribe(Names{"C", "D"}, EventMgr::ClientPtr());
   manager.unSubscribe(Names{"A", "B"}, EventMgr::ClientPtr());
@@ -72,6 +79,7 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   manager.unSubscribe(Names{"A"}, Names{"B"}, clientFor(odd));
   manager.unSubscribe(Names{"Other", "A"}, EventMgr::ClientPtr(new Adapter(nullptr, nullptr)));
   manager.unSubscribe(Names{"", "Unknown", "A"}, client);
+  manager.unSubscribe("Never", &recorder, &Recorder::onTest);
   EXPECT_EQ(manager.getMailerCount(), 0U);
   EXPECT_EQ(manager.getSubscriptionCount(), 2U);  // "B" and the blocker's: "" was never subscribed.
   manager.publish(NamedEvent(Names{"A"}, 6), true);
