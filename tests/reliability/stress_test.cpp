@@ -298,6 +298,7 @@ int shutdownRound() {
   std::atomic<long> lateCalls{0};
   Counter underWay;
   std::vector<std::thread> workers;
+  workers.reserve(4);
   for (int id = 0; id < 4; ++id) {
     workers.emplace_back([id, &lateCalls, &underWay] { useUntilShutdown(id, lateCalls, underWay); });
   }
