@@ -262,27 +262,31 @@ int inChild(Body body, std::chrono::milliseconds limit = kPatience) {
   sigset_t childEnded;
   sigemptyset(&childEnded);
   sigaddset(&childEnded, SIGCHLD);
-  pthread_sigmask(SIG_BLOCK, &childEnded, nullptr);
+  sigset_t maskBefore;
+  pthread_sigmask(SIG_BLOCK, &childEnded, &maskBefore);
   std::fflush(stdout);
   const pid_t child = fork();
   if (child == 0) {
-    pthread_sigmask(SIG_UNBLOCK, &childEnded, nullptr);
+    pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
     const int status = body();
     std::fflush(stdout);
     std::exit(::testing::Test::HasFailure() ? 1 : status);  // NOLINT(concurrency-mt-unsafe): one thread left.
   }
   const auto deadline = std::chrono::steady_clock::now() + limit;
   int status = 0;
+  bool ended = true;
   while (waitpid(child, &status, WNOHANG) != child) {
     if (std::chrono::steady_clock::now() > deadline) {
       kill(child, SIGKILL);
       waitpid(child, &status, 0);
-      return -1;
+      ended = false;
+      break;
     }
     const timespec slice{0, 50'000'000};
     sigtimedwait(&childEnded, nullptr, &slice);
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
+  return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace unit
