@@ -4,7 +4,6 @@
 #include "ActionContainerEvent.h"
 #include "UnitTest.h"
 
-using vexutil::eventmgr::ActionContainerEvent;
 using Clock = ActionContainerEvent::Clock;
 using Action = boost::function0<void>;
 

@@ -2,11 +2,7 @@
 // The context registry makes, saves, restores, clones and destroys sets of
 // per-context objects, one per factory in registration order.
 #include "UnitTest.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
 
-using vexutil::contextmgr::ContextBase;
-using vexutil::contextmgr::ContextFactoryBase;
-using vexutil::contextmgr::ContextRegistry;
 using Set = ContextRegistry::ContextVector;
 
 namespace {
@@ -20,21 +16,25 @@ struct NamedContext : ContextBase {
   const std::string name;
 };
 
-// Names its contexts "<factory><n>" and clones "<original>'"; a factory named "bad" fails to create.
+// Names its contexts "<factory><n>" and clones "<original>'"; a factory named "bad" fails to create, one named
+// "null" creates null contexts. A null context must never be handed to a factory.
 struct NamedFactory : ContextFactoryBase {
   explicit NamedFactory(std::string text) : name(std::move(text)) {}
   ContextBase* create() override {
     if (name == "bad") {
       throw std::runtime_error("create failed");
     }
-    return new NamedContext(name + std::to_string(++made));
+    return name == "null" ? nullptr : new NamedContext(name + std::to_string(++made));
   }
   void destroy(ContextBase* context) override {
+    ASSERT_NE(context, nullptr) << "a factory was handed a null context";
     journal.push_back(name + " destroys " + dynamic_cast<NamedContext&>(*context).name);
     delete context;
   }
   ContextBase* clone(const ContextBase* context) override {
-    return new NamedContext(dynamic_cast<const NamedContext&>(*context).name + "'");
+    const auto* const original = dynamic_cast<const NamedContext*>(context);
+    EXPECT_NE(original, nullptr) << "a factory was handed a null context";
+    return new NamedContext((original != nullptr ? original->name : "null") + "'");
   }
   const std::string name;
   int made = 0;
@@ -112,4 +112,31 @@ TEST(ContextRegistry, FactoryFailureKeepsPartialWorkAndReleasesLock) {
   EXPECT_EQ(countFromOther, 2U);
   registry.destroy(set);
   EXPECT_EQ(journal, Names{"good destroys good1"});
+}
+
+// Null entries (a null factory, null contexts) and a set cloned into itself stay aligned and go back whole; save
+// and restore pass the null entries by.
+TEST(ContextRegistry, NullEntriesAndAliasing) {
+  ContextRegistry& registry = *ContextRegistry::getInstance();
+  NamedFactory a("a");
+  NamedFactory nulls("null");
+  registry.registerFactory(&a);
+  registry.registerFactory(nullptr);  // Ignored: `nulls` is entry 1.
+  registry.registerFactory(&nulls);
+  registry.registerFactory(&a);
+  Set set;
+  registry.create(set);
+  registry.save(set);
+  registry.restore(set);
+  registry.clone(set, set);  // The copies follow the originals, the null one too.
+  ASSERT_EQ(set.size(), 6U);
+  EXPECT_TRUE(set[0] != nullptr && set[1] == nullptr && set[2] != nullptr && set[3] != nullptr && set[4] == nullptr &&
+              set[5] != nullptr);
+  Set copies(set.begin() + 3, set.end());
+  set.resize(3);
+  registry.destroy(copies);
+  registry.destroy(set);
+  EXPECT_TRUE(set.empty() && copies.empty());
+  EXPECT_EQ(journal, (Names{"save a1", "save a2", "restore a1", "restore a2", "a destroys a1'", "a destroys a2'",
+                            "a destroys a1", "a destroys a2"}));
 }

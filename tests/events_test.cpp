@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Events carry their type chain, clone and describe themselves; clients are
 // ordered by their identity.
-#include <cstdint>
-#include <sstream>
 #include <tuple>
 
 #include "ActionContainerEvent.h"
 #include "UnitTest.h"
-
-using vexutil::eventmgr::ActionContainerEvent;
-using vexutil::eventmgr::clientLess;
 
 namespace {
 std::string describe(const BaseEvent& event) {

@@ -2,19 +2,9 @@
 // The window between the start of a shutdown and its end, while the
 // dispatcher may still be finishing a delivery; and fork() after the
 // dispatcher has started.
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <functional>
-
 #include <boost/weak_ptr.hpp>
 
 #include "UnitTest.h"
-
-using vexutil::eventmgr::ClientProxy;
 
 namespace {
 
@@ -63,7 +53,7 @@ class ShutdownWindow : public ::testing::Test {
   }
   // Gives the calls a chance to return early, then lets the delivery go on and waits for everything to end.
   void finish() {
-    eventuallyWithin(kChanceToReturnEarly, [&] { return callsReturned_.load() == static_cast<int>(callers_.size()); });
+    eventually([&] { return callsReturned_.load() == static_cast<int>(callers_.size()); }, kChanceToReturnEarly);
     release_.open();
     shutter_.join();
     for (std::thread& caller : callers_) {
@@ -132,23 +122,6 @@ TEST_F(ShutdownWindow, CombinedSubscribeGivingUpDoesNotFreeTheMailerUnderItsDeli
 // other threads hold on their stacks for leaks, and is turned off there.
 std::atomic<bool> inForkedChild{false};
 
-void exitChild(int status) {
-  inForkedChild = true;
-  std::exit(status);  // NOLINT(concurrency-mt-unsafe): the child has one thread.
-}
-
-// Waits for `child` to end, at most kPatience (a child that hangs is killed); its exit status, or -1.
-int exitStatusOf(pid_t child) {
-  int status = 0;
-  const bool ended = eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
-  if (!ended) {
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // A child forked after the dispatcher started, even in the middle of a delivery, exits promptly through exit()
 // (static destructors included); in it the manager is the no-op one, and publishing does nothing. The parent's
 // manager is unaffected.
@@ -158,24 +131,22 @@ TEST(Fork, ChildExitsAndFindsTheNoOpManager) {
   EventMgr::instance()->publish(TestEvent(1), true);
   {
     DispatcherHold hold;  // The child that only exits is forked while the dispatcher delivers.
-    const pid_t child = fork();
-    if (child == 0) {
-      exitChild(0);
-    }
-    EXPECT_EQ(exitStatusOf(child), 0) << "a child that only exits";
+    EXPECT_EQ(inChild([] { return inForkedChild = true, 0; }), 0) << "a child that only exits";
   }
-  const pid_t child = fork();
-  if (child == 0) {
-    EventMgr* const manager = EventMgr::instance();
-    manager->subscribe("TestEvent", &recorder, &Recorder::onTest);
-    manager->publish(TestEvent(2), false);
-    manager->publish(TestEvent(3), true);
-    manager->unSubscribe("TestEvent", &recorder, &Recorder::onTest);
-    const bool noOp = dynamic_cast<DefaultEventMgr*>(manager) == nullptr && manager->getSubscriptionCount() == 0 &&
-                      recorder.count() == 1;
-    exitChild(noOp ? 0 : 3);
-  }
-  EXPECT_EQ(exitStatusOf(child), 0) << "a child that publishes (3: the manager was not the no-op one)";
+  EXPECT_EQ(inChild([&recorder] {
+              inForkedChild = true;
+              EventMgr* const manager = EventMgr::instance();
+              manager->subscribe("TestEvent", &recorder, &Recorder::onTest);
+              manager->publish(TestEvent(2), false);
+              manager->publish(TestEvent(3), true);
+              manager->unSubscribe("TestEvent", &recorder, &Recorder::onTest);
+              return dynamic_cast<DefaultEventMgr*>(manager) == nullptr && manager->getSubscriptionCount() == 0 &&
+                             recorder.count() == 1
+                         ? 0
+                         : 3;
+            }),
+            0)
+      << "a child that publishes (3: the manager was not the no-op one)";
   EventMgr::instance()->publish(TestEvent(4), true);
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 4}));
 }

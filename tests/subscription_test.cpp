@@ -1,22 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Event<Class, Base> classes, and Subscription handles of every form, reset from outside and from their own handler.
-#include <cstdint>
-#include <string>
-#include <thread>
 #include <typeinfo>
-#include <utility>
-#include <vector>
 
 #include "UnitTest.h"
-#include "vexutil/vexutil.h"
 
 namespace {
-
-using vexutil::eventmgr::Event;
-using vexutil::eventmgr::subscribe;
-using vexutil::eventmgr::subscribeCombined;
-using vexutil::eventmgr::Subscription;
-using vexutil::eventmgr::TypeList;
 
 class DocumentEvent : public Event<DocumentEvent> {
  public:

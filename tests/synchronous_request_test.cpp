@@ -2,8 +2,6 @@
 // Requests that wait for the dispatcher: the poll loop and its deadlock
 // report, printing a failure report while they wait, and refused on the
 // dispatcher thread itself.
-#include <string>
-#include <utility>
 
 #include "ActionContainerEvent.h"
 #include "SynchronousRequest.h"
@@ -92,9 +90,9 @@ const std::string kReportLine =
 // after its third poll, and waits on until the manager is gone; one already done returns at its first poll; a
 // hand-off that throws passes out with the manager let go.
 TEST(SynchronousRequests, PollLoopReportsOnceAndEndsWithTheManager) {
-  const vexutil::eventmgr::SynchronousRequest request(3);
-  vexutil::eventmgr::ActionContainerEvent action{boost::function0<void>()};
-  vexutil::eventmgr::ActionContainerEvent::Lock lock(action.getMutex());
+  const SynchronousRequest request(3);
+  ActionContainerEvent action{boost::function0<void>()};
+  ActionContainerEvent::Lock lock(action.getMutex());
   CountingRequester waiting{6};
   bool done = true;
   EXPECT_EQ(printedBy([&] { done = request.await(action, lock, waiting); }), kReportLine);

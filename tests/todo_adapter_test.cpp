@@ -6,7 +6,7 @@
 
 #include "UnitTest.h"
 
-using vexutil::eventmgr::detail::isDefaultManagerCreated;
+using detail::isDefaultManagerCreated;
 
 namespace {
 // Puts `work` into the hand-off slot as if a subscriber had handed it off.
@@ -16,14 +16,6 @@ void store(boost::function0<void> work) {
 }
 
 const ToDoAdapter& pump() { return dynamic_cast<const ToDoAdapter&>(*EventMgr::instance()); }
-
-// A subscriber of "TestEvent" that hands `work` off from inside its delivery.
-struct HandingOff : Recorder {
-  explicit HandingOff(const std::function<void()>& work) {
-    setAction([work](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl(work); });
-    EventMgr::instance()->subscribe("TestEvent", static_cast<Recorder*>(this), &Recorder::onTest);
-  }
-};
 }  // namespace
 
 // Off the dispatcher, work runs at once on the calling thread, exceptions included; empty work creates nothing.
@@ -47,7 +39,11 @@ TEST(ToDoAdapter, OffTheDispatcherTheCallerRunsTheWork) {
 // From the dispatcher, work runs on the thread waiting in a synchronous publish, or else on a pumping main loop.
 TEST(ToDoAdapter, HandOffRunsOnAWaitingOrPumpingThread) {
   std::vector<ThreadId> ranOn;
-  HandingOff subscriber([&ranOn] { ranOn.push_back(ThreadId::self()); });
+  Recorder subscriber;  // Hands work off from inside its delivery.
+  subscriber.setAction([&ranOn](const BaseEvent&) {
+    ToDoAdapter::runOnceOnMainThreadImpl([&ranOn] { ranOn.push_back(ThreadId::self()); });
+  });
+  EventMgr::instance()->subscribe("TestEvent", &subscriber, &Recorder::onTest);
   EventMgr::instance()->publish(TestEvent(), true);
   EventMgr::instance()->publish(TestEvent(), false);
   EXPECT_TRUE(eventually([&] {
@@ -122,7 +118,7 @@ TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
   store(Stale{&staleRuns});
   manager.publish(TestEvent(), false);
   // Nobody pumps until the dispatcher's record has replaced the stale one.
-  EXPECT_TRUE(unit::eventually([] {
+  EXPECT_TRUE(eventually([] {
     boost::recursive_mutex::scoped_lock lock(ToDoAdapter::toDoMutex_);
     return !ToDoAdapter::toDoFunc_.empty() && ToDoAdapter::toDoFunc_.target<Stale>() == nullptr;
   }));

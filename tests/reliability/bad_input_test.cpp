@@ -1,50 +1,15 @@
 // SPDX-License-Identifier: MIT
 // Bad input through the public interface: list and two-list forms with empty
 // names, empty lists or null clients, inert subscribers, events whose clone
-// fails or whose type list is odd, and context sets with null entries. Each
+// fails or whose type list is odd (context sets with null entries: context_registry_test.cpp). Each
 // must be a defined no-op or a clear error, never a crash or a hang, and
-// nothing already accepted may be lost. The single-name forms are in
-// EventManager.BadInputIsANoOp (tests/event_manager_test.cpp), calls after
-// shutdown in ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
-#include <gtest/gtest.h>
+// nothing already accepted may be lost. Calls after shutdown are in
+// ReliabilityFaults.ShutdownWithWaitersAndQueuedEventsRepeatedly.
 
-#include <new>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
+#include "UnitTest.h"
 
-#include "DefaultEventMgr.h"
-#include "TestSupport.h"
-#include "vexutil/contextmgr/ContextRegistry.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
-
-using vexutil::contextmgr::ContextBase;
-using vexutil::contextmgr::ContextFactoryBase;
-using vexutil::contextmgr::ContextRegistry;
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::EventMgr;
-using vexutil::eventmgr::ToDoAdapter;
-using namespace vexutil::testing_support;
-using Names = std::vector<std::string>;
-
-namespace {
-
-// A TestEvent whose most derived names are whatever the test says.
-struct Named : TestEvent {
-  Named(Names names, int payload) : TestEvent(std::move(names), payload) {}
-  Named* clone() const override { return new Named(*this); }
-};
-
-EventMgr::ClientPtr proxyFor(Recorder& recorder) {
-  return EventMgr::ClientPtr(new ClientAdapter<Recorder, TestEvent>(&recorder, &Recorder::onTest));
-}
-
-}  // namespace
-
-// Misused list forms, inert subscribers and failing clones neither wait for a held dispatcher nor lose queued events.
+// Misused single-name and list forms, inert subscribers and failing clones neither wait for a held dispatcher nor
+// lose queued events; single-name calls with null clients, targets or handlers, or empty names, do nothing.
 TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   struct NullClone : TestEvent {
     TestEvent* clone() const override { return nullptr; }
@@ -53,17 +18,17 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
     TestEvent* clone() const override { throw std::bad_alloc(); }
   };
   using Adapter = ClientAdapter<Recorder, TestEvent>;
-  vexutil::eventmgr::DefaultEventMgr& manager = defaultManager();
+  DefaultEventMgr& manager = defaultManager();
   Recorder recorder;
   Recorder odd;
   Recorder blocker;
-  const EventMgr::ClientPtr client = proxyFor(recorder);
+  const EventMgr::ClientPtr client = clientFor(recorder);
   manager.subscribe(Names{"", "A", "", "B", "A"}, client);  // Empty names skipped, the repeat kept once.
   // Accepted, but they never hand anything over: no names, a delayed name without a trigger ("" is skipped),
   // a trigger with nothing held, a null target, a null handler.
-  manager.subscribe(Names{}, Names{}, proxyFor(odd));
-  manager.subscribe(Names{"", "Held"}, Names{""}, proxyFor(odd));
-  manager.subscribe(Names{}, Names{"B"}, proxyFor(odd));
+  manager.subscribe(Names{}, Names{}, clientFor(odd));
+  manager.subscribe(Names{"", "Held"}, Names{""}, clientFor(odd));
+  manager.subscribe(Names{}, Names{"B"}, clientFor(odd));
   manager.subscribe(Names{"A", "Other"}, EventMgr::ClientPtr(new Adapter(nullptr, &Recorder::onTest)));
   manager.subscribe(Names{"A"}, Names{"B"}, EventMgr::ClientPtr(new Adapter(&odd, nullptr)));
   Gate holding;
@@ -73,11 +38,18 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
     EXPECT_TRUE(release.wait());
   });
   manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
-  manager.publish(vexutil::inputreqevt::InputRequestEvent(), false);
+  manager.publish(InputRequestEvent(), false);
   ASSERT_TRUE(holding.wait());
   for (int i = 1; i <= 5; ++i) {
-    manager.publish(Named({i == 5 ? "Held" : i % 2 == 0 ? "A" : "B"}, i), false);
+    manager.publish(NamedEvent(Names{i == 5 ? "Held" : i % 2 == 0 ? "A" : "B"}, i), false);
   }
+  manager.subscribe("TestEvent", EventMgr::ClientPtr());
+  manager.subscribe("", &odd, &Recorder::onTest);
+  manager.subscribe("TestEvent", static_cast<Recorder*>(nullptr), &Recorder::onTest);
+  manager.subscribe("TestEvent", &odd, static_cast<void (Recorder::*)(const TestEvent&)>(nullptr));
+  manager.unSubscribe("TestEvent", EventMgr::ClientPtr());
+  manager.unSubscribe("", &recorder, &Recorder::onTest);
+  manager.unSubscribe("TestEvent", static_cast<Recorder*>(nullptr), &Recorder::onTest);
   manager.subscribe(Names{}, client);
   manager.subscribe(Names{"C", "D"}, EventMgr::ClientPtr());
   manager.unSubscribe(Names{"A", "B"}, EventMgr::ClientPtr());
@@ -91,7 +63,7 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   EXPECT_THROW(manager.publish(ThrowingClone(), true), std::bad_alloc);
   EXPECT_EQ(manager.getPendingEventCount(), 5U);
   // Removing what was never subscribed waits, jumps the queue and leaves it alone.
-  std::thread remover([&] { manager.unSubscribe(Names{"", "Unknown", "A", "B"}, proxyFor(blocker)); });
+  std::thread remover([&] { manager.unSubscribe(Names{"", "Unknown", "A", "B"}, clientFor(blocker)); });
   while (manager.getPendingEventCount() < 6) {
     std::this_thread::yield();
   }
@@ -101,16 +73,17 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 2, 3, 4}));
   EXPECT_EQ(odd.count(), 0U);
   // Removed with the same lists; any null-target adapter of the class is the same subscriber.
-  manager.unSubscribe(Names{}, Names{}, proxyFor(odd));
-  manager.unSubscribe(Names{"Held", ""}, Names{""}, proxyFor(odd));
-  manager.unSubscribe(Names{}, Names{"B"}, proxyFor(odd));
-  manager.unSubscribe(Names{"A"}, Names{"B"}, proxyFor(odd));
+  manager.unSubscribe(Names{}, Names{}, clientFor(odd));
+  manager.unSubscribe(Names{"Held", ""}, Names{""}, clientFor(odd));
+  manager.unSubscribe(Names{}, Names{"B"}, clientFor(odd));
+  manager.unSubscribe(Names{"A"}, Names{"B"}, clientFor(odd));
   manager.unSubscribe(Names{"Other", "A"}, EventMgr::ClientPtr(new Adapter(nullptr, nullptr)));
   manager.unSubscribe(Names{"", "Unknown", "A"}, client);
+  manager.unSubscribe("Never", &recorder, &Recorder::onTest);
   EXPECT_EQ(manager.getMailerCount(), 0U);
   EXPECT_EQ(manager.getSubscriptionCount(), 2U);  // "B" and the blocker's: "" was never subscribed.
-  manager.publish(Named({"A"}, 6), true);
-  manager.publish(Named({"B"}, 7), true);
+  manager.publish(NamedEvent(Names{"A"}, 6), true);
+  manager.publish(NamedEvent(Names{"B"}, 7), true);
   EXPECT_EQ(recorder.payloads(), (std::vector<int>{1, 2, 3, 4, 7}));
 }
 
@@ -126,12 +99,12 @@ TEST(ReliabilityBadInput, OddEventTypeListsAreRoutedSafely) {
   // An empty hand-off on the dispatcher returns at once, although nobody pumps.
   byRepeat.setAction([](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl(boost::function0<void>()); });
   ::testing::internal::CaptureStdout();
-  manager.publish(Named({""}, 1), true);
-  manager.publish(Named({"Twice", "Twice"}, 2), false);  // Delivered once per entry.
+  manager.publish(NamedEvent(Names{""}, 1), true);
+  manager.publish(NamedEvent(Names{"Twice", "Twice"}, 2), false);  // Delivered once per entry.
   ASSERT_TRUE(byRepeat.waitFor(2));
-  manager.publish(Named({"NobodyListens"}, 3), false);
+  manager.publish(NamedEvent(Names{"NobodyListens"}, 3), false);
   for (int i = 4; i < 8; ++i) {
-    manager.publish(Named({"ActionContainerEvent"}, i), i % 2 == 0);  // Never run as a request.
+    manager.publish(NamedEvent(Names{"ActionContainerEvent"}, i), i % 2 == 0);  // Never run as a request.
   }
   manager.publish(TestEvent(8), true);  // The manager's own requests still work.
   manager.publish(BaseEvent(), false);  // Would print a failure report.
@@ -139,53 +112,4 @@ TEST(ReliabilityBadInput, OddEventTypeListsAreRoutedSafely) {
   EXPECT_EQ(byTest.payloads(), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8}));
   EXPECT_EQ(byRepeat.payloads(), (std::vector<int>{2, 2}));
   EXPECT_EQ(byInternalName.payloads(), (std::vector<int>{4, 5, 6, 7}));
-}
-
-namespace {
-
-struct Context : ContextBase {
-  void restore() override {}
-  void save() override {}
-};
-
-// Creates contexts or null ones; must never be handed a null one. (Leaks
-// and double frees are the sanitizers' to find.)
-struct Factory : ContextFactoryBase {
-  explicit Factory(bool makesNull) : nullCreates(makesNull) {}
-  ContextBase* create() override { return nullCreates ? nullptr : new Context; }
-  void destroy(ContextBase* context) override {
-    EXPECT_NE(context, nullptr);
-    delete context;
-  }
-  ContextBase* clone(const ContextBase* context) override {
-    EXPECT_NE(context, nullptr);
-    return new Context;
-  }
-  bool nullCreates;
-};
-
-}  // namespace
-
-// Null entries (a null factory, null contexts) and a set cloned into itself stay aligned and go back whole.
-TEST(ReliabilityBadInput, ContextSetsWithNullEntriesAndAliasing) {
-  ContextRegistry& registry = *ContextRegistry::getInstance();
-  Factory a(false);
-  Factory b(true);
-  registry.registerFactory(&a);
-  registry.registerFactory(nullptr);  // Ignored: b is entry 1.
-  registry.registerFactory(&b);
-  registry.registerFactory(&a);
-  ContextRegistry::ContextVector set;
-  registry.create(set);
-  registry.save(set);
-  registry.restore(set);
-  registry.clone(set, set);  // The copies follow the originals, the null one too.
-  ASSERT_EQ(set.size(), 6U);
-  EXPECT_TRUE(set[0] != nullptr && set[1] == nullptr && set[2] != nullptr && set[3] != nullptr && set[4] == nullptr &&
-              set[5] != nullptr);
-  ContextRegistry::ContextVector copies(set.begin() + 3, set.end());
-  set.resize(3);
-  registry.destroy(copies);
-  registry.destroy(set);
-  EXPECT_TRUE(set.empty() && copies.empty());
 }

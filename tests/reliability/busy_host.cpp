@@ -14,10 +14,7 @@
 #include "vexutil/eventmgr/EventMgr.h"
 #include "vexutil/eventmgr/ToDoAdapter.h"
 
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::EventMgr;
-using vexutil::eventmgr::ToDoAdapter;
+using namespace vexutil::eventmgr;  // NOLINT(google-build-using-namespace): the library under test.
 using Names = std::vector<std::string>;
 
 // External linkage throughout: the subscriber's ClientAdapter class tag is

@@ -1,51 +1,27 @@
 // SPDX-License-Identifier: MIT
-// Injected faults: subscribers that throw, many times over, and the manager
-// shut down again and again while requests wait and events are queued. The
-// manager must keep delivering, print whole reports, release every waiter,
-// deliver nothing after shutdown and keep its memory: LeakSanitizer checks
-// that in the AddressSanitizer build, the allocator's figures in the plain one.
+// Injected faults: subscribers that throw, many times over, and the manager shut down again and again while
+// requests wait and events are queued. The manager must keep delivering, print whole reports, release every
+// waiter, deliver nothing after shutdown and keep its memory: LeakSanitizer checks that in the AddressSanitizer
+// build, the allocator's figures in the plain one. Each run has a manager of its own, in a forked child.
 #include <malloc.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <iostream>
-#include <new>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Corvane/System/UserException.h"
 #include "EventDispatcher.h"
-#include "Instance.h"
-#include "TestSupport.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-#include "vexutil/inputreqevt/InputRequestEvent.h"
-
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::EventMgr;
-using namespace vexutil::testing_support;
-using Names = std::vector<std::string>;
+#include "UnitTest.h"
 
 namespace {
 
-// VEXUTIL_RELIABILITY_THROWS, _CYCLES and _HEAP_FIGURES are set by CMake per
-// configuration: the sanitizer builds do less and, having allocators of their
-// own, give no heap figures (LeakSanitizer checks for leaks instead). A leak
-// of one block per throw, per event or per cycle would grow the heap by far
-// more than the 1 MiB the plain build tolerates.
+// VEXUTIL_RELIABILITY_THROWS, _CYCLES and _HEAP_FIGURES are set by CMake per configuration: the sanitizer builds
+// do less and, having allocators of their own, give no heap figures (LeakSanitizer checks for leaks instead). A
+// leak of one block per throw or per event would grow the heap by far more than the 1 MiB the plain build
+// tolerates.
 
-// Bytes in use in the main arena; every thread allocates there once
-// M_ARENA_MAX is 1, which each test sets before it starts a thread.
+// Bytes in use in the main arena; every thread allocates there once M_ARENA_MAX is 1, set before any thread starts.
 std::size_t bytesInUse() { return mallinfo2().uordblks; }
 
-// Each thrower throws one kind on every call: standard exceptions, the host's
-// IUserException, types the manager cannot know (a scalar, a class), and the
-// refusal of a request that would wait for the dispatcher from the dispatcher.
+// Each thrower throws one kind on every call: standard exceptions, the host's IUserException, types the manager
+// cannot know (a scalar, a class), and the refusal of a request that would wait for the dispatcher from the
+// dispatcher.
 const std::vector<std::function<void(const TestEvent&)>> kThrows{
     [](const TestEvent&) { throw std::runtime_error("runtime failure"); },
     [](const TestEvent&) { throw std::bad_alloc(); },
@@ -63,10 +39,10 @@ struct Thrower {
   }
 };
 
-}  // namespace
+constexpr std::chrono::minutes kWholeRun(4);
 
-// A million throws of every kind (fewer under sanitizers) never stop delivery, tear a report or grow the heap.
-TEST(ReliabilityFaults, MillionThrowsKeepDeliveryGoing) {
+// The throwing run, in a child of its own.
+int millionThrows() {
   mallopt(M_ARENA_MAX, 1);
   EventMgr& manager = *EventMgr::instance();
   std::vector<Thrower> throwers(kThrows.size());
@@ -75,7 +51,8 @@ TEST(ReliabilityFaults, MillionThrowsKeepDeliveryGoing) {
     manager.subscribe("TestEvent", &throwers[kind], &Thrower::on);
   }
   const long perProducer = VEXUTIL_RELIABILITY_THROWS / static_cast<long>(kThrows.size()) / 2;
-  // Two producers at once, the main thread and another; every 64th publish waits, which bounds the queue.
+  // Two producers at once, the main thread and another; every 64th publish waits, which bounds
+  // the queue.
   const auto produce = [&manager](long from, long to) {
     const auto run = [&manager, from, to] {
       for (long number = from; number < to; ++number) {
@@ -86,22 +63,23 @@ TEST(ReliabilityFaults, MillionThrowsKeepDeliveryGoing) {
     run();
     other.join();
   };
-  ::testing::internal::CaptureStdout();
-  produce(0, perProducer / 10);  // Warm-up: queue, report text and allocator caches reach their working size.
-  drainQueue();
-  const std::size_t before = bytesInUse();
-  produce(perProducer / 10, perProducer);
-  drainQueue();
-  const std::size_t after = bytesInUse();
-  manager.publish(BaseEvent(), false);  // Prints the last report.
-  const std::string printed = ::testing::internal::GetCapturedStdout();
-
+  std::size_t before = 0;
+  std::size_t after = 0;
+  const std::string printed = printedBy([&] {
+    produce(0, perProducer / 10);  // Warm-up: queue, report text and caches reach working size.
+    drainQueue();
+    before = bytesInUse();
+    produce(perProducer / 10, perProducer);
+    drainQueue();
+    after = bytesInUse();
+    manager.publish(BaseEvent(), false);  // Prints the last report.
+  });
   for (const Thrower& thrower : throwers) {
     EXPECT_EQ(thrower.calls, 2 * perProducer) << "thrower " << thrower.kind;
   }
   // Reports are printed whole, one after the other, nothing else in between: five lines each.
-  const std::vector<std::string> form{"DefaultEventMgr::deliver: event [VERSION 0", "TYPESLENGTH 2",
-                                      "TYPES TestEvent::BaseEvent::", "] client [", "] Unknown Exception"};
+  const Names form{"DefaultEventMgr::deliver: event [VERSION 0", "TYPESLENGTH 2",
+                   "TYPES TestEvent::BaseEvent::", "] client [", "] Unknown Exception"};
   std::istringstream lines(printed);
   long count = 0;
   long torn = 0;
@@ -119,69 +97,67 @@ TEST(ReliabilityFaults, MillionThrowsKeepDeliveryGoing) {
   }
   std::cout << std::endl;
   shutDownManager();  // Before the subscribers go.
+  return 0;
 }
+}  // namespace
 
-// Shutdown amid queued events and every kind of waiting request, many times: all return to the no-op manager, no leak.
+// A million throws of every kind (fewer under sanitizers) never stop delivery, tear a report or grow the heap.
+TEST(ReliabilityFaults, MillionThrowsKeepDeliveryGoing) { EXPECT_EQ(inChild(millionThrows, kWholeRun), 0); }
+
+// Shutdown amid queued events and every kind of waiting request, many times, each with a fresh manager in a child
+// of its own: all requesters return to the no-op manager, nothing is delivered after the shutdown, no leak.
 TEST(ReliabilityFaults, ShutdownWithWaitersAndQueuedEventsRepeatedly) {
-  mallopt(M_ARENA_MAX, 1);
-  const Names list{"TestEvent", "Queued"};
-  const Names delayed{"Edit"};
-  const Names triggers{"Commit"};
-  std::size_t before = 0;
   for (int cycle = 0; cycle < VEXUTIL_RELIABILITY_CYCLES && !HasFailure(); ++cycle) {
-    before = cycle == 10 ? bytesInUse() : before;
-    restartManager();
-    EventMgr& manager = *EventMgr::instance();
-    Gate holding;
-    Recorder blocker;
-    Recorder subscribed;
-    // Holds the dispatcher until the shutdown has taken the queue and asked it to stop.
-    blocker.setAction([&holding](const BaseEvent&) {
-      holding.open();
-      while (!vexutil::eventmgr::EventDispatcher::current()->isStopRequested()) {
-        std::this_thread::yield();
-      }
-    });
-    const EventMgr::ClientPtr client(new ClientAdapter<Recorder, TestEvent>(&subscribed, &Recorder::onTest));
-    manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
-    manager.subscribe(list, client);
-    manager.subscribe(delayed, triggers, client);
-    manager.publish(vexutil::inputreqevt::InputRequestEvent(), false);
-    ASSERT_TRUE(holding.wait());
-    for (int i = 0; i < 20; ++i) {
-      manager.publish(TestEvent(i), false);
-    }
-    const std::vector<std::function<void()>> requests{
-        [&] { manager.publish(TestEvent(100), true); },         [&] { manager.subscribe("Late", client); },
-        [&] { manager.subscribe(Names{"Late"}, client); },      [&] { manager.subscribe(list, triggers, client); },
-        [&] { manager.unSubscribe("Queued", client); },         [&] { manager.unSubscribe(list, client); },
-        [&] { manager.unSubscribe(delayed, triggers, client); }};
-    std::vector<EventMgr*> seen(requests.size());
-    std::vector<std::thread> requesters;
-    for (std::size_t i = 0; i < requests.size(); ++i) {
-      requesters.emplace_back([&, i] {
-        requests[i]();
-        seen[i] = EventMgr::instance();  // A released requester must find the no-op manager.
+    const int status = inChild([] {
+      EventMgr& manager = *EventMgr::instance();
+      const Names list{"TestEvent", "Queued"};
+      const Names delayed{"Edit"};
+      const Names triggers{"Commit"};
+      Gate holding;
+      Recorder blocker;
+      Recorder subscribed;
+      // Holds the dispatcher until the shutdown has taken the queue and asked it to stop.
+      blocker.setAction([&holding](const BaseEvent&) {
+        holding.open();
+        while (!EventDispatcher::current()->isStopRequested()) {
+          std::this_thread::yield();
+        }
       });
-    }
-    while (manager.getPendingEventCount() < 20 + requests.size()) {  // Every request waits in the queue.
-      std::this_thread::yield();
-    }
-    shutDownManager();
-    for (std::thread& requester : requesters) {
-      requester.join();  // Released, although its request never ran.
-    }
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), EventMgr::instance()), static_cast<long>(requests.size()));
-    dynamic_cast<vexutil::eventmgr::ToDoAdapter&>(*EventMgr::instance()).invokeOnceOnMainThread();  // The host's pump.
-    EXPECT_FALSE(vexutil::eventmgr::detail::isDefaultManagerCreated());
-    EXPECT_EQ(blocker.count(), 1U);
-    EXPECT_EQ(subscribed.count(), 0U);
+      const EventMgr::ClientPtr client = clientFor(subscribed);
+      manager.subscribe("InputRequestEvent", &blocker, &Recorder::onBase);
+      manager.subscribe(list, client);
+      manager.subscribe(delayed, triggers, client);
+      manager.publish(InputRequestEvent(), false);
+      EXPECT_TRUE(holding.wait());
+      for (int i = 0; i < 20; ++i) {
+        manager.publish(TestEvent(i), false);
+      }
+      const std::vector<std::function<void()>> requests{
+          [&] { manager.publish(TestEvent(100), true); },         [&] { manager.subscribe("Late", client); },
+          [&] { manager.subscribe(Names{"Late"}, client); },      [&] { manager.subscribe(list, triggers, client); },
+          [&] { manager.unSubscribe("Queued", client); },         [&] { manager.unSubscribe(list, client); },
+          [&] { manager.unSubscribe(delayed, triggers, client); }};
+      std::vector<EventMgr*> seen(requests.size());
+      std::vector<std::thread> requesters;
+      for (std::size_t i = 0; i < requests.size(); ++i) {
+        requesters.emplace_back([&, i] {
+          requests[i]();
+          seen[i] = EventMgr::instance();  // A released requester must find the no-op manager.
+        });
+      }
+      EXPECT_TRUE(eventually([&] { return manager.getPendingEventCount() == 20 + requests.size(); }));
+      shutDownManager();
+      for (std::thread& requester : requesters) {
+        requester.join();  // Released, although its request never ran.
+      }
+      EXPECT_EQ(std::count(seen.begin(), seen.end(), EventMgr::instance()), static_cast<long>(requests.size()));
+      dynamic_cast<ToDoAdapter&>(*EventMgr::instance()).invokeOnceOnMainThread();  // The host's pump.
+      EXPECT_FALSE(detail::isDefaultManagerCreated());
+      EXPECT_EQ(blocker.count(), 1U);
+      EXPECT_EQ(subscribed.count(), 0U);
+      return 0;
+    });
+    EXPECT_EQ(status, 0) << "cycle " << cycle;
   }
-  std::cout << "[ figures  ] cycles=" << VEXUTIL_RELIABILITY_CYCLES;
-  if (VEXUTIL_RELIABILITY_HEAP_FIGURES) {
-    const std::size_t after = bytesInUse();
-    std::cout << " heap in use at cycle 10=" << before << " at the end=" << after;
-    EXPECT_LT(after, before + (1U << 20));
-  }
-  std::cout << std::endl;
+  std::cout << "[ figures  ] cycles=" << VEXUTIL_RELIABILITY_CYCLES << std::endl;
 }

@@ -4,31 +4,9 @@
 // event) stamps each delivery's end. A client MUST get an event once per name subscribed before the publish and
 // removed after the delivery, MAY when the spans overlap, else must not. VEXUTIL_STRESS_START=<n> repeats the
 // random choices, VEXUTIL_STRESS_SECONDS=<s> sets the length (default 3).
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
-#include <iostream>
-#include <memory>
 #include <random>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "TestSupport.h"
-#include "vexutil/eventmgr/ToDoAdapter.h"
-
-using vexutil::eventmgr::BaseEvent;
-using vexutil::eventmgr::ClientAdapter;
-using vexutil::eventmgr::EventMgr;
-using vexutil::eventmgr::ToDoAdapter;
-using namespace vexutil::testing_support;
-using Names = std::vector<std::string>;
+#include "UnitTest.h"
 
 namespace {
 
@@ -194,10 +172,8 @@ void classify(const std::vector<Interval>& intervals, std::uint64_t publishStart
   may += overlaps ? 1U : 0U;
 }
 
-}  // namespace
-
-// Eight workers and the main thread share one manager for a few seconds; every delivery is accounted for exactly.
-TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
+// The randomized run, in a child of its own.
+int randomizedRun() {
   const char* const startText = std::getenv("VEXUTIL_STRESS_START");
   const char* const secondsText = std::getenv("VEXUTIL_STRESS_SECONDS");
   randomStart =
@@ -242,7 +218,10 @@ TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
   long required = 0;
   for (int id = 0; id < kProducers; ++id) {
     published += static_cast<long>(logs[id].size());
-    ASSERT_EQ(sentinel.ends[id].size(), logs[id].size()) << "accepted events of producer " << id << " were lost";
+    if (sentinel.ends[id].size() != logs[id].size()) {
+      ADD_FAILURE() << "accepted events of producer " << id << " were lost";
+      return 1;
+    }
     for (std::uint32_t sequence = 0; sequence < logs[id].size(); ++sequence) {
       const std::uint64_t start = logs[id][sequence].first;
       const int channel = logs[id][sequence].second;
@@ -267,9 +246,8 @@ TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
   std::cout << "[ figures  ] events=" << published << " pairs checked=" << published * (kClients + 2)
             << " deliveries required=" << required << " hand-offs=" << handOffsRun.load() << std::endl;
   shutDownManager();
+  return 0;
 }
-
-namespace {
 
 // A client that must not be called once its withdrawal has returned.
 struct Withdrawable {
@@ -309,33 +287,43 @@ void useUntilShutdown(int id, std::atomic<long>& lateCalls, Counter& underWay) {
     if (step == 2) {
       underWay.add();
     }
-    if (step > 2 && dynamic_cast<vexutil::eventmgr::DefaultEventMgr*>(EventMgr::instance()) == nullptr) {
+    if (step > 2 && dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) == nullptr) {
       return;
     }
   }
 }
 
+// One shutdown round, in a child of its own: four workers use the manager while the main thread shuts it down.
+int shutdownRound() {
+  std::atomic<long> lateCalls{0};
+  Counter underWay;
+  std::vector<std::thread> workers;
+  workers.reserve(4);
+  for (int id = 0; id < 4; ++id) {
+    workers.emplace_back([id, &lateCalls, &underWay] { useUntilShutdown(id, lateCalls, underWay); });
+  }
+  EXPECT_TRUE(underWay.waitFor(4));
+  shutDownManager();
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  EXPECT_EQ(lateCalls.load(), 0);
+  return 0;
+}
+
 }  // namespace
+
+// Eight workers and the main thread share one manager for a few seconds; every delivery is accounted for exactly.
+TEST(ReliabilityStress, RandomizedConcurrentUseKeepsEveryGuarantee) {
+  EXPECT_EQ(inChild(randomizedRun, std::chrono::minutes(4)), 0);
+}
 
 // Shutdown amid every kind of call, round after round (VEXUTIL_SHUTDOWN_ROUNDS, set per configuration): four
 // threads subscribe, publish asynchronously and synchronously, make and withdraw combined subscriptions, while
 // the main thread shuts the manager down. Every call returns, and no client is called after its withdrawal has
 // returned; the sanitizer builds check that nothing is used after it is freed.
 TEST(ReliabilityStress, ShutdownAmidEveryKindOfCallRepeatedly) {
-  for (int round = 0; round < VEXUTIL_SHUTDOWN_ROUNDS; ++round) {
-    std::atomic<long> lateCalls{0};
-    Counter underWay;
-    std::vector<std::thread> workers;
-    workers.reserve(4);
-    for (int id = 0; id < 4; ++id) {
-      workers.emplace_back([id, &lateCalls, &underWay] { useUntilShutdown(id, lateCalls, underWay); });
-    }
-    ASSERT_TRUE(underWay.waitFor(4));
-    shutDownManager();
-    for (std::thread& worker : workers) {
-      worker.join();
-    }
-    ASSERT_EQ(lateCalls.load(), 0) << "round " << round;
-    restartManager();
+  for (int round = 0; round < VEXUTIL_SHUTDOWN_ROUNDS && !HasFailure(); ++round) {
+    EXPECT_EQ(inChild(shutdownRound), 0) << "round " << round;
   }
 }
