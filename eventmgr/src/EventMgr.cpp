@@ -9,8 +9,6 @@
 #include <mutex>
 #include <new>
 
-#include <boost/chrono.hpp>
-#include <boost/thread/thread.hpp>
 
 #include "DefaultEventMgr.h"
 #include "DummyEventMgr.h"
@@ -237,24 +235,6 @@ void destroyRetiredManagers() noexcept {
     delete retired;
     retired = next;
   }
-}
-
-void rearmInstanceForTesting() {
-  // The last share may still be on its way on another thread (a requester
-  // between two polls): wait for its shutdown, boundedly.
-  const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::seconds(60);
-  for (;;) {
-    {
-      boost::mutex::scoped_lock lock(instanceMutexStorage.get());
-      if (retiredManagers != nullptr || owner.manager || boost::chrono::steady_clock::now() > deadline) {
-        break;
-      }
-    }
-    boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
-  }
-  destroyRetiredManagers();
-  boost::mutex::scoped_lock lock(instanceMutexStorage.get());
-  currentManager.store(nullptr, std::memory_order_release);
 }
 
 }  // namespace detail

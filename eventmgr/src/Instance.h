@@ -63,7 +63,7 @@ void releaseOwner();
 void retire(DefaultEventMgr* manager) noexcept;
 
 // Frees every retired manager. Only when no thread may still call one: at
-// unload or exit, and in tests between managers.
+// unload or exit.
 void destroyRetiredManagers() noexcept;
 
 // The shutdown window: from the moment instance() stops handing out the
@@ -90,11 +90,6 @@ class WaitedOnScope {
   WaitedOnScope(const WaitedOnScope&) = delete;
   WaitedOnScope& operator=(const WaitedOnScope&) = delete;
 };
-
-// Tests only: after releaseOwner(), waits until the manager has been shut
-// down, frees it and makes the next instance() create a new default manager,
-// as in a freshly loaded library. No thread may still use the old manager.
-void rearmInstanceForTesting();
 
 }  // namespace detail
 }  // namespace eventmgr
