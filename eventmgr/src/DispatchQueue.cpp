@@ -6,13 +6,6 @@
 
 #include "DiagnosticsHooks.h"
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define VEXUTIL_CPU_RELAX() _mm_pause()
-#else
-#define VEXUTIL_CPU_RELAX() ((void)0)
-#endif
-
 namespace vexutil {
 namespace eventmgr {
 
@@ -41,31 +34,18 @@ constexpr unsigned kBridgedInARowToSpin = 2;
 // The slots of a ring's first storage; each doubling is rarer than the last.
 constexpr std::size_t kFirstCapacity = 64;
 
-// How often a contended mutex is tried, pausing in between, before the
-// caller sleeps on it.
+// How often the contended mutex is tried, pausing in between, before the
+// caller sleeps on it. The mutex is held for a few dozen nanoseconds at a
+// time: when a publisher and the consumer meet on it, sleeping would cost the
+// one a futex wait and the other a futex wake, each far longer than the wait;
+// on two cores that met on every other entry.
 constexpr unsigned kLockTries = 64;
 
 bool isSet(const std::atomic<bool>* flag) noexcept { return flag != nullptr && flag->load(std::memory_order_acquire); }
 
 }  // namespace
 
-std::unique_lock<std::mutex> DispatchQueue::lock() const {
-  // The mutex is held for a few dozen nanoseconds at a time. When a
-  // publisher and the consumer meet on it, sleeping would cost the one a
-  // futex wait and the other a futex wake, each far longer than the wait:
-  // on two cores that met on every other entry.
-  std::unique_lock<std::mutex> held(mutex_, std::try_to_lock);
-  for (unsigned tries = 0; !held.owns_lock() && tries < kLockTries; ++tries) {
-    VEXUTIL_CPU_RELAX();
-    held.try_lock();
-  }
-  if (!held.owns_lock()) {
-    held.lock();
-  }
-  return held;
-}
-
-void DispatchQueue::growLocked(const std::unique_lock<std::mutex>& /*held*/) {
+void DispatchQueue::growLocked(const MutexLock& /*held*/) {
   const std::size_t capacity = capacity_ == 0 ? kFirstCapacity : capacity_ * 2;
   std::unique_ptr<Entry[]> slots(new Entry[capacity]);
   for (std::size_t i = 0; i < size_; ++i) {
@@ -82,7 +62,7 @@ void DispatchQueue::push(Entry entry, bool atBack) {
   entry.queuedAtNs = diagnostics::queueStamp();
   std::uint64_t count = 0;
   {
-    const std::unique_lock<std::mutex> held = lock();
+    const MutexLock held(mutex_, kLockTries);
     if (size_ == capacity_) {
       growLocked(held);
     }
@@ -107,12 +87,12 @@ void DispatchQueue::push(Entry entry, bool atBack) {
 }
 
 void DispatchQueue::wake() {
-  { const std::lock_guard<std::mutex> held(mutex_); }
+  { const MutexLock held(mutex_); }
   condition_.notify_all();
 }
 
 void DispatchQueue::takeAll(Drained& into) noexcept {
-  const std::lock_guard<std::mutex> held(mutex_);
+  const MutexLock held(mutex_);
   into.slots_.swap(slots_);
   std::swap(into.capacity_, capacity_);
   into.head_ = head_;
@@ -121,7 +101,7 @@ void DispatchQueue::takeAll(Drained& into) noexcept {
 }
 
 std::size_t DispatchQueue::size() const {
-  const std::lock_guard<std::mutex> held(mutex_);
+  const MutexLock held(mutex_);
   return size_;
 }
 
@@ -150,14 +130,14 @@ void DispatchQueue::judgeIdlePeriod(bool bridged) noexcept {
   bridgedInARow_ = bridged ? (std::min)(bridgedInARow_ + 1, kBridgedInARowToSpin) : 0;
 }
 
-void DispatchQueue::waitForPush(std::unique_lock<std::mutex>& held, bool judged, const std::atomic<bool>* stop) {
+void DispatchQueue::waitForPush(MutexLock& held, bool judged, const std::atomic<bool>* stop) {
   backlogged_ = false;
   if (isSet(stop)) {
     return;
   }
   const Clock::time_point idleStart = judged ? Clock::time_point() : Clock::now();
   wakeRequested_ = Clock::time_point::max();
-  condition_.wait_for(held, kIdleWait);
+  condition_.wait_for(held.forWait(), kIdleWait);
   if (wakeRequested_ != Clock::time_point::max()) {
     // A publisher found the consumer waiting and took the time.
     woken_ = true;
@@ -182,7 +162,7 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
     judgeIdlePeriod(spinForPush(stop));
     judged = true;
   }
-  std::unique_lock<std::mutex> held = lock();
+  MutexLock held(mutex_, kLockTries);
   seenCount_ = pushCount_;
   if (size_ == 0) {
     waitForPush(held, judged, stop);

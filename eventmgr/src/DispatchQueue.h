@@ -23,10 +23,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include <boost/shared_ptr.hpp>
 
+#include "ThreadSafety.h"
 #include "vexutil/eventmgr/BaseEvent.h"
 
 namespace vexutil {
@@ -120,8 +120,6 @@ class DispatchQueue {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // Takes mutex_, trying briefly before it sleeps on it.
-  std::unique_lock<std::mutex> lock() const;
   // Consumer thread, with the queue seen empty and mutex_ not held: spins,
   // giving way, until a push is hinted at, `stop` is set or the spin window
   // has passed. True when a push was hinted at.
@@ -131,11 +129,11 @@ class DispatchQueue {
   void judgeIdlePeriod(bool bridged) noexcept;
   // Consumer thread, queue empty: waits on condition_ through `held`, which
   // holds mutex_, and judges the idle period unless it was judged already.
-  void waitForPush(std::unique_lock<std::mutex>& held, bool judged, const std::atomic<bool>* stop);
+  void waitForPush(MutexLock& held, bool judged, const std::atomic<bool>* stop) VEXUTIL_REQUIRES(mutex_);
   // Doubles the storage (or makes the first), keeping the entries in order.
   // `held` holds mutex_. Strong guarantee: throws std::bad_alloc with nothing
   // changed.
-  void growLocked(const std::unique_lock<std::mutex>& held);
+  void growLocked(const MutexLock& held) VEXUTIL_REQUIRES(mutex_);
 
   const IdleSpin spin_;
 
@@ -150,15 +148,15 @@ class DispatchQueue {
   // (the storage fields change only when the ring grows); the condition;
   // the consumer's state with the front index; the back index with the
   // publishers' hint.
-  alignas(kCacheLine) mutable std::mutex mutex_;
-  std::size_t size_ = 0;         // Guarded by mutex_.
-  std::uint64_t pushCount_ = 0;  // Entries ever pushed. Guarded by mutex_.
+  alignas(kCacheLine) mutable Mutex mutex_;
+  std::size_t size_ VEXUTIL_GUARDED_BY(mutex_) = 0;
+  std::uint64_t pushCount_ VEXUTIL_GUARDED_BY(mutex_) = 0;  // Entries ever pushed.
   // Clock::time_point::max() while the consumer waits on condition_; the
   // first push that finds it so replaces it by the time of the push, once
-  // per wait. Guarded by mutex_.
-  Clock::time_point wakeRequested_;
-  std::unique_ptr<Entry[]> slots_;  // Guarded by mutex_.
-  std::size_t capacity_ = 0;        // Zero or a power of two. Guarded by mutex_.
+  // per wait.
+  Clock::time_point wakeRequested_ VEXUTIL_GUARDED_BY(mutex_);
+  std::unique_ptr<Entry[]> slots_ VEXUTIL_GUARDED_BY(mutex_);
+  std::size_t capacity_ VEXUTIL_GUARDED_BY(mutex_) = 0;  // Zero or a power of two.
 
   // Notified after every push.
   alignas(kCacheLine) std::condition_variable condition_;
@@ -170,13 +168,12 @@ class DispatchQueue {
   bool backlogged_ = false;
   bool woken_ = false;
   unsigned bridgedInARow_ = 0;
-  // The slot of the front entry. Guarded by mutex_; written by take() and,
-  // rarely, by a push at the front.
-  std::size_t head_ = 0;
+  // The slot of the front entry; written by take() and, rarely, by a push at
+  // the front.
+  std::size_t head_ VEXUTIL_GUARDED_BY(mutex_) = 0;
 
-  // The slot after the back entry. Guarded by mutex_; written by pushes at
-  // the back.
-  alignas(kCacheLine) std::size_t tail_ = 0;
+  // The slot after the back entry; written by pushes at the back.
+  alignas(kCacheLine) std::size_t tail_ VEXUTIL_GUARDED_BY(mutex_) = 0;
   // A publisher's pushCount_, stored after it let mutex_ go: a value beyond
   // seenCount_ tells the spinning consumer that the mutex is worth taking,
   // and taking it then does not meet the publisher inside it. A hint only:
