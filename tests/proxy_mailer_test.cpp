@@ -115,8 +115,9 @@ TEST(CombinedSubscription, ConcurrentEqualSubscriptionsBuildOneMailer) {
   EXPECT_EQ(defaultManager().getMailerCount(), 1U);
 }
 
-// Mailers order by client, then delayed set, then trigger set, name by name; clients of different classes are
-// each less than the other; the same client and names in another order or repeated are equivalent.
+// Mailers order by client (clientLess: one class by object address, whatever the handler; clients of different
+// classes each less than the other), then delayed set, then trigger set, name by name; the same client and names in
+// another order or repeated are equivalent.
 TEST(ProxyMailer, OrderingFollowsClientThenSets) {
   Recorder a;
   Recorder b;
@@ -124,7 +125,9 @@ TEST(ProxyMailer, OrderingFollowsClientThenSets) {
   const ProxyMailer p(Names{"P"}, Names{"S"}, clientA);
   const ProxyMailer pq(Names{"Q", "P"}, Names{"S"}, clientA);
   const ProxyMailer pT(Names{"P"}, Names{"T"}, clientA);
-  const ProxyMailer same(Names{"P", "P"}, Names{"S"}, clientFor(a));
+  // The same object with another handler is the same client.
+  const ProxyMailer same(Names{"P", "P"}, Names{"S"},
+                         EventMgr::ClientPtr(new ClientAdapter<Recorder, TestEvent>(&a, nullptr)));
   EXPECT_TRUE(p < pq && !(pq < p));
   EXPECT_TRUE(p < pT && !(pT < p));
   EXPECT_TRUE(!(p < same) && !(same < p));
