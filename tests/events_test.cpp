@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Events carry their type chain, clone and describe themselves; clients are
-// ordered by their identity.
+// Events carry their type chain, clone and describe themselves (client ordering:
+// ProxyMailer.OrderingFollowsClientThenSets).
 #include <tuple>
 
 #include "ActionContainerEvent.h"
@@ -12,23 +12,15 @@ std::string describe(const BaseEvent& event) {
   event.writeDescription(out);
   return out.str();
 }
-struct Target {
-  void onAction(const ActionContainerEvent& /*event*/) {}
-  void onBase(const BaseEvent& /*event*/) {}
-  void onOtherBase(const BaseEvent& /*event*/) {}
-};
 }  // namespace
 
-// The three description lines, with "::" after every name, the last too.
-TEST(BaseEvent, DescriptionListsTypesWithTrailingSeparators) {
+// The three description lines, with "::" after every name, the last too. "BaseEvent" ends every type list exactly
+// once; assignment keeps an event's own list and clones carry it.
+TEST(BaseEvent, DescriptionAndTypeListEndWithBaseEventAndSurviveAssignment) {
   EXPECT_EQ(describe(BaseEvent()), "VERSION 0\nTYPESLENGTH 1\nTYPES BaseEvent::\n");
   EXPECT_EQ(describe(ActionContainerEvent(boost::function0<void>())),
             "VERSION 0\nTYPESLENGTH 2\nTYPES ActionContainerEvent::BaseEvent::\n");
   EXPECT_EQ(describe(NamedEvent("Edit", 1)), "VERSION 0\nTYPESLENGTH 3\nTYPES Edit::TestEvent::BaseEvent::\n");
-}
-
-// "BaseEvent" ends every type list exactly once; assignment keeps an event's own list and clones carry it.
-TEST(BaseEvent, TypeListEndsWithBaseEventAndSurvivesAssignment) {
   struct Explicit : BaseEvent {
     Explicit() : BaseEvent({"Explicit", "BaseEvent"}) {}
   };
@@ -43,8 +35,9 @@ TEST(BaseEvent, TypeListEndsWithBaseEventAndSurvivesAssignment) {
   EXPECT_EQ(std::unique_ptr<BaseEvent>(derived.clone())->getTypes(), derived.getTypes());
 }
 
-// The combined status word is first | third << 8 | second << 16, without masks.
-TEST(InputRequestEvent, CombinedStatusPacksFieldsWithoutMasks) {
+// The combined status word is first | third << 8 | second << 16, without masks. A default InputRequestEvent holds
+// -1, -1, -1, false; copies, clones and assignment carry all four values.
+TEST(InputRequestEvent, CombinedStatusAndValuesSurviveCopyCloneAndAssignment) {
   struct Case {
     std::int32_t first, second, third;
     std::uint32_t combined;
@@ -57,10 +50,6 @@ TEST(InputRequestEvent, CombinedStatusPacksFieldsWithoutMasks) {
               c.combined)
         << c.first << ", " << c.second << ", " << c.third;
   }
-}
-
-// A default InputRequestEvent holds -1, -1, -1, false; copies, clones and assignment carry all four values.
-TEST(InputRequestEvent, ValuesSurviveCopyCloneAndAssignment) {
   const auto values = [](const InputRequestEvent& event) {
     return std::make_tuple(event.getFirstStatus(), event.getSecondStatus(), event.getThirdStatus(), event.getFlag());
   };
@@ -73,20 +62,4 @@ TEST(InputRequestEvent, ValuesSurviveCopyCloneAndAssignment) {
   std::unique_ptr<InputRequestEvent> clone(original.clone());
   EXPECT_EQ(values(*clone), std::make_tuple(4, 5, 6, true));
   EXPECT_EQ(clone->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
-}
-
-// clientLess orders one Target/Event pair by object address, whatever the handler; other pairs are mutually less.
-TEST(ClientAdapter, IdentityAndOrdering) {
-  Target objects[2];
-  const ClientAdapter<Target, BaseEvent> low(&objects[0], &Target::onBase);
-  const ClientAdapter<Target, BaseEvent> lowAgain(&objects[0], &Target::onOtherBase);
-  const ClientAdapter<Target, BaseEvent> high(&objects[1], &Target::onBase);
-  const ClientAdapter<Target, ActionContainerEvent> otherClass(&objects[0], &Target::onAction);
-  EXPECT_EQ(low.getInstanceId(), reinterpret_cast<std::uintptr_t>(&objects[0]));
-  EXPECT_TRUE(clientLess(low, high));
-  EXPECT_FALSE(clientLess(high, low));
-  EXPECT_FALSE(clientLess(low, lowAgain));
-  EXPECT_FALSE(clientLess(lowAgain, low));
-  EXPECT_TRUE(clientLess(low, otherClass));
-  EXPECT_TRUE(clientLess(otherClass, low));
 }

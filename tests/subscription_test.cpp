@@ -165,26 +165,25 @@ TEST(SubscriptionHandle, ResetInsideItsOwnHandlerEndsEverythingAtOnce) {
   int bystanderCalls = 0;
   Subscription lambdaHandle;
   SelfEnding member;
-  std::vector<Subscription> bystanders;
-  bystanders.push_back(subscribe(TypeList{"EditEvent", "DocumentEvent"}, [&](const BaseEvent&) { ++bystanderCalls; }));
-
-  // List: the same EditEvent comes once per name.
-  lambdaHandle = subscribe(TypeList{"EditEvent", "DocumentEvent"}, [&](const EditEvent&) {
+  Subscription bystander =
+      subscribe(TypeList{"EditEvent", "DocumentEvent"}, [&](const BaseEvent&) { ++bystanderCalls; });
+  const auto endingLambda = [&](const EditEvent&) {
     ++lambdaCalls;
     lambdaHandle.reset();
-  });
+    // A subscribe made in a handler throws and leaves nothing behind.
+    EXPECT_THROW(subscribe(TypeList{"A", "B"}, [](const BaseEvent&) {}), NotifyDeadlockException);
+  };
+
+  // List: the same EditEvent comes once per name.
+  lambdaHandle = subscribe(TypeList{"EditEvent", "DocumentEvent"}, endingLambda);
   member.handle = subscribe(TypeList{"EditEvent", "DocumentEvent"}, &member, &SelfEnding::onEdit);
   publish(EditEvent(1, 1));
   EXPECT_EQ(lambdaCalls, 1);
   EXPECT_EQ(member.calls, 1);
   EXPECT_EQ(bystanderCalls, 2);
   EXPECT_EQ(subscriptions(), before + 2);
-
   // Combined: the first edit of the batch ends it.
-  lambdaHandle = subscribeCombined({"EditEvent"}, {"CommitEvent"}, [&](const EditEvent&) {
-    ++lambdaCalls;
-    lambdaHandle.reset();
-  });
+  lambdaHandle = subscribeCombined({"EditEvent"}, {"CommitEvent"}, endingLambda);
   member.handle = subscribeCombined({"EditEvent"}, {"CommitEvent"}, &member, &SelfEnding::onEdit);
   for (std::uint64_t sequence = 0; sequence < 3; ++sequence) {
     publish(EditEvent(1, sequence));
@@ -193,20 +192,14 @@ TEST(SubscriptionHandle, ResetInsideItsOwnHandlerEndsEverythingAtOnce) {
   EXPECT_EQ(lambdaCalls, 2);
   EXPECT_EQ(member.calls, 2);
   EXPECT_EQ(subscriptions(), before + 2);
-
-  // One name, and nothing comes after the reset. A subscribe made in the
-  // handler throws and leaves nothing behind.
-  lambdaHandle = subscribe([&](const EditEvent&) {
-    ++lambdaCalls;
-    lambdaHandle.reset();
-    EXPECT_THROW(subscribe(TypeList{"A", "B"}, [](const BaseEvent&) {}), NotifyDeadlockException);
-  });
+  // One name, and nothing comes after the reset.
+  lambdaHandle = subscribe(endingLambda);
   member.handle = subscribe(&member, &SelfEnding::onEdit);
   publish(EditEvent(1, 5));
   publish(EditEvent(1, 6));
   EXPECT_EQ(lambdaCalls, 3);
   EXPECT_EQ(member.calls, 3);
-  bystanders.clear();
+  bystander.reset();
   EXPECT_EQ(subscriptions(), before);
 }
 
@@ -240,11 +233,8 @@ TEST(SubscriptionHandle, ResetFromAnotherThreadWaitsForTheRunningHandler) {
 // them, so publish catches them in builds with assertions.
 class MiddleEvent : public BaseEvent {
  public:
-  MiddleEvent() : MiddleEvent(Names{}) {}
+  explicit MiddleEvent(Names names = {}) : BaseEvent(withName(std::move(names))) {}
   MiddleEvent* clone() const override { return new MiddleEvent(*this); }
-
- protected:
-  explicit MiddleEvent(Names names) : BaseEvent(withName(std::move(names))) {}
 
  private:
   static Names withName(Names names) {
