@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "SubscriptionTable.h"
 
-#include <algorithm>
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include <boost/smart_ptr/make_local_shared.hpp>
@@ -24,52 +24,50 @@ constexpr std::size_t kPrefetchAhead = 16;
 SubscriptionTable::SubscriptionTable(FailureReport& failures, std::string uncountedType)
     : failures_(failures), uncountedType_(std::move(uncountedType)) {}
 
+bool SubscriptionTable::Subscribers::tryBuildDeliveryOrder() noexcept {
+  deliveryOrder.clear();
+  try {
+    deliveryOrder.reserve(clients.size());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  for (const ClientPtr& client : clients) {
+    deliveryOrder.push_back(client.get());
+  }
+  deliveryOrderCurrent = true;
+  return true;
+}
+
 void SubscriptionTable::count(const std::string& eventType, int delta) noexcept {
   if (eventType != uncountedType_) {
     count_.fetch_add(static_cast<unsigned int>(delta), std::memory_order_acq_rel);
   }
 }
 
-namespace {
-
-// Where `client` stands, or would stand, among `clients`.
-std::vector<boost::shared_ptr<ClientProxy>>::const_iterator findPlace(
-    const std::vector<boost::shared_ptr<ClientProxy>>& clients, const ClientProxy& client) {
-  return std::lower_bound(clients.begin(), clients.end(), client,
-                          [](const boost::shared_ptr<ClientProxy>& member, const ClientProxy& sought) {
-                            return ClientOrder::compare(*member, sought) < 0;
-                          });
-}
-
-}  // namespace
-
 void SubscriptionTable::add(const std::string& eventType, const ClientPtr& client) {
   if (!client) {
     return;
   }
   // Every step that may run out of memory comes before the table changes: an
-  // entry is put in, or replaced, only once it is complete.
+  // entry is put in only once it is complete.
   const auto found = entries_.find(eventType);
   if (found == entries_.end()) {
-    Entry created = boost::make_local_shared<Clients>(1, client);
+    Entry created = boost::make_local_shared<Subscribers>();
+    created->clients.insert(client);
     entries_.emplace(eventType, std::move(created));
   } else {
-    Entry& clients = found->second;
-    const auto place = findPlace(*clients, *client);
-    if (place != clients->end() && ClientOrder::same(**place, *client)) {
+    Entry& subscribers = found->second;
+    if (subscribers->clients.find(client) != subscribers->clients.end()) {
       return;  // The same subscriber keeps its entry; the new proxy is dropped without a report.
     }
-    if (clients.local_use_count() > 1) {
+    if (subscribers.local_use_count() > 1) {
       // A delivery holds this entry: change a copy and leave its snapshot alone.
-      Entry copy = boost::make_local_shared<Clients>();
-      copy->reserve(clients->size() + 1);
-      copy->insert(copy->end(), clients->cbegin(), place);
-      copy->push_back(client);
-      copy->insert(copy->end(), place, clients->cend());
-      clients = std::move(copy);
+      Entry copy = boost::make_local_shared<Subscribers>(subscribers->clients);
+      copy->clients.insert(client);
+      subscribers = std::move(copy);
     } else {
-      // Strong guarantee: a reallocation that fails leaves the array as it was.
-      clients->insert(place, client);
+      subscribers->clients.insert(client);
+      subscribers->deliveryOrderCurrent = false;
     }
   }
   count(eventType, 1);
@@ -85,24 +83,21 @@ void SubscriptionTable::remove(const std::string& eventType, const ClientPtr& cl
   if (found == entries_.end()) {
     return;
   }
-  Entry& clients = found->second;
-  const auto place = findPlace(*clients, *client);
-  if (place == clients->end() || !ClientOrder::same(**place, *client)) {
+  Entry& subscribers = found->second;
+  auto member = subscribers->clients.find(client);
+  if (member == subscribers->clients.end()) {
     return;
   }
-  if (clients.local_use_count() > 1) {
-    Entry copy = boost::make_local_shared<Clients>();
-    copy->reserve(clients->size() - 1);
-    copy->insert(copy->end(), clients->cbegin(), place);
-    copy->insert(copy->end(), place + 1, clients->cend());
-    clients = std::move(copy);
-  } else {
-    clients->erase(place);
+  if (subscribers.local_use_count() > 1) {
+    subscribers = boost::make_local_shared<Subscribers>(subscribers->clients);
+    member = subscribers->clients.find(client);
   }
+  subscribers->clients.erase(member);
+  subscribers->deliveryOrderCurrent = false;
   count(eventType, -1);
   // diagnostics hook: unsubscribe tracepoint
   diagnostics::noteSubscription(eventType, *client, false);
-  if (clients->empty()) {
+  if (subscribers->clients.empty()) {
     entries_.erase(found);
   }
 }
@@ -135,14 +130,22 @@ void SubscriptionTable::walk(const BaseEvent& event, NotifyOne notifyOne) noexce
     // The snapshot: subscribers may change the table from inside notify().
     // Such a change goes to a copy of the entry while this one is held, so
     // the clients walked here stay as they are and stay alive.
-    const Entry snapshot = found->second;
-    const Clients& clients = *snapshot;
-    const std::size_t size = clients.size();
+    const Entry subscribers = found->second;
+    if (!subscribers->deliveryOrderCurrent && !subscribers->tryBuildDeliveryOrder()) {
+      // No memory for the flat array: walk the set itself, in the same order.
+      std::size_t position = 0;
+      for (const ClientPtr& client : subscribers->clients) {
+        notifyOne(*client, position++);
+      }
+      continue;
+    }
+    ClientProxy* const* const clients = subscribers->deliveryOrder.data();
+    const std::size_t size = subscribers->deliveryOrder.size();
     for (std::size_t position = 0; position < size; ++position) {
       // The proxies lie wherever they were allocated; asking for one a few
       // places ahead keeps a long walk from waiting on memory at every step.
       if (position + kPrefetchAhead < size) {
-        __builtin_prefetch(clients[position + kPrefetchAhead].get());
+        __builtin_prefetch(clients[position + kPrefetchAhead]);
       }
       notifyOne(*clients[position], position);
     }

@@ -2,13 +2,13 @@
 // SubscriptionTable: who is subscribed to which event type name, and the
 // delivery of an event to them.
 //
-// Per type name the table holds the subscribed clients as one flat array in
-// ClientOrder (a second proxy of the same subscriber is dropped), which is
-// what deliveries walk. Each entry is shared with the deliveries that use it
-// and copied only when it changes while a delivery holds it, so a delivery
-// never copies n clients, and a subscriber may change the subscriptions from
-// inside notify() without disturbing the delivery in progress: the change
-// applies from the next event on.
+// Per type name the table holds the set of subscribed clients in ClientOrder
+// (a second proxy of the same subscriber is dropped) and the same clients as
+// a flat array, which is what deliveries walk. Each entry is shared with the
+// deliveries that use it and copied only when it changes while a delivery
+// holds it, so a delivery never copies n clients, and a subscriber may change
+// the subscriptions from inside notify() without disturbing the delivery in
+// progress: the change applies from the next event on.
 //
 // A subscriber that throws does not stop the delivery: the failure is stored
 // in the FailureReport given to the constructor and the next subscriber is
@@ -24,6 +24,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -68,12 +69,24 @@ class SubscriptionTable {
   unsigned int subscriptionCount() const noexcept { return count_.load(std::memory_order_acquire); }
 
  private:
-  // The subscribers of one type name, in ClientOrder, no two the same
-  // subscriber. Changed in place only while no delivery holds it.
-  using Clients = std::vector<ClientPtr>;
+  using ClientSet = std::set<ClientPtr, ClientOrder>;
+
+  // The subscribers of one type name. The array is rebuilt by the first
+  // delivery after a change; an entry is only changed in place while no
+  // delivery holds it.
+  struct Subscribers {
+    Subscribers() = default;
+    explicit Subscribers(ClientSet set) : clients(std::move(set)) {}
+    // Rebuilds deliveryOrder; false, with the array empty, if memory runs out.
+    bool tryBuildDeliveryOrder() noexcept;
+
+    ClientSet clients;
+    std::vector<ClientProxy*> deliveryOrder;  // Owned by `clients`.
+    bool deliveryOrderCurrent = false;
+  };
   // Counted without atomic operations: only the dispatcher thread copies or
   // drops these pointers.
-  using Entry = boost::local_shared_ptr<Clients>;
+  using Entry = boost::local_shared_ptr<Subscribers>;
 
   // Walks the subscribers of every name of `event`, calling
   // notifyOne(client, position) for each.
