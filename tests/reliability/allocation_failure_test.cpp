@@ -49,8 +49,10 @@ struct Factory : ContextFactoryBase {
   void destroy(ContextBase* context) override { delete context; }
   ContextBase* clone(const ContextBase* context) override { return new Context(*static_cast<const Context*>(context)); }
 };
-Factory factories[3];  // Registered for the life of the process; [2] by the registerFactory case.
 ContextRegistry& registry() { return *ContextRegistry::getInstance(); }
+Factory factories[3];  // [0] and [1] registered for the life of the process; [2] by the registerFactory case.
+[[maybe_unused]] const bool registered =
+    (registry().registerFactory(&factories[0]), registry().registerFactory(&factories[1]), true);
 
 // How many entries from the front have `member` set; none after them may.
 std::size_t setPrefix(const ContextRegistry::ContextVector& set, std::unique_ptr<int> Context::*member) {
@@ -301,21 +303,21 @@ const std::vector<Operation>& operations() {
   return all;
 }
 
+// One operation with its allocations failing on the caller's thread, or on the dispatcher's; the label names the
+// case in one ctest word, "subscribe_list_dispatcher".
 struct Case {
   const Operation* operation;
   bool onDispatcher;
-  std::string label() const {
-    return std::string(operation->name) + (onDispatcher ? " on the dispatcher" : " on the caller");
-  }
+  std::string label;
 };
-void PrintTo(const Case& c, std::ostream* out) { *out << c.label(); }
-
 std::vector<Case> cases() {
   std::vector<Case> all;
   for (const Operation& operation : operations()) {
-    all.push_back({&operation, false});
-    if (operation.dispatcherWork) {
-      all.push_back({&operation, true});
+    for (const bool onDispatcher : {false, true}) {
+      if (!onDispatcher || operation.dispatcherWork) {
+        const std::string words = std::string(operation.name) + (onDispatcher ? " dispatcher" : " caller");
+        all.push_back({&operation, onDispatcher, std::regex_replace(words, std::regex("[^A-Za-z0-9]+"), "_")});
+      }
     }
   }
   return all;
@@ -384,30 +386,18 @@ class AllocationFailure : public ::testing::TestWithParam<Case> {};
 
 // Every allocation of the operation, failing in turn, is thrown out or absorbed, loses nothing and stops nothing.
 TEST_P(AllocationFailure, ThrowsOrCompletes) {
-  static const bool registered = [] {
-    registry().registerFactory(&factories[0]);
-    registry().registerFactory(&factories[1]);
-    return true;
-  }();
-  (void)registered;
   const Case& c = GetParam();
   unsigned long survived = 0;
   int status = kFired;
   for (unsigned long n = 1; n <= kMostAllocations && status == kFired; ++n) {
     status = inChild([&] { return attempt(c, n); });
-    EXPECT_TRUE(status == 0 || status == kFired) << c.label() << ", allocation " << n << " failing: exit " << status;
+    EXPECT_TRUE(status == 0 || status == kFired) << c.label << ", allocation " << n << " failing: exit " << status;
     survived += status == kFired ? 1 : 0;
   }
   EXPECT_NE(status, kFired) << "not completed within " << kMostAllocations << " allocations";
-  std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label().c_str(), survived,
+  std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label.c_str(), survived,
               status == 0 ? "" : " (stopped at a failure)");
 }
 
-// Names short enough for one ctest line: "subscribe_list_dispatcher".
 INSTANTIATE_TEST_SUITE_P(Each, AllocationFailure, ::testing::ValuesIn(cases()),
-                         [](const ::testing::TestParamInfo<Case>& param) {
-                           // Every label starts and ends with a letter.
-                           return std::regex_replace(
-                               std::regex_replace(param.param.label(), std::regex(" on the "), " "),
-                               std::regex("[^A-Za-z0-9]+"), "_");
-                         });
+                         [](const ::testing::TestParamInfo<Case>& param) { return param.param.label; });
