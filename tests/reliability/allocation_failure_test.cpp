@@ -73,23 +73,40 @@ std::size_t taskCount() {  // Threads of the process.
 
 EventMgr& manager() { return *EventMgr::instance(); }
 
+enum Role { kUses, kMakes, kEnds };  // What the operation does to the manager.
+
+struct World;
+// One operation: what it needs first, the call itself (through World::failing), and the check of its outcome,
+// which also undoes it.
+struct Operation {
+  const char* name;
+  bool dispatcherWork;  // Also injected on the dispatcher thread.
+  Role role;
+  std::function<void(World&)> run;
+};
+
+// One operation with its allocations failing on the caller's thread, or on the dispatcher's; the label names the
+// case in one ctest word, "subscribe_list_dispatcher".
+struct Case {
+  const Operation* operation;
+  bool onDispatcher;
+  std::string label;
+};
 // Everything an attempt works with; the operation's client is `target`.
 struct World {
+  explicit World(const Case& c) : test(c) {}
+  const Case& test;
   Sink sink;  // Subscribed to "Probe", "Before" and "Pub" before any operation.
   Sink target;
   Sink other;
   Armer armer;
   EventMgr::ClientPtr client;
-  std::unique_ptr<TestEvent> outgoing;
   ContextRegistry::ContextVector set;
   ContextRegistry::ContextVector copies;
-  std::size_t factoriesBefore = 0;
-  std::size_t registered = 0;
-  const InputRequestEvent original{1, 2, 3, true};
-  std::unique_ptr<InputRequestEvent> made;
+  std::vector<int> before;  // Accepted just before the call: each must arrive once.
   int payload = 0;
   unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
-  std::size_t threadsBefore = 0;
+  bool fired = false;
 
   int next() { return ++payload; }
   // Runs `job` on a caller thread of its own and waits for it, at most kPatience. A caller that does not
@@ -102,6 +119,30 @@ struct World {
       std::_Exit(EXIT_FAILURE);
     }
     done.get();
+  }
+  // The call under test, with allocation armAt failing on its thread or the dispatcher: true if it threw
+  // std::bad_alloc. An operation that uses the manager has two events published asynchronously first.
+  bool failing(const std::function<void()>& job) {
+    for (int i = 0; i < 2 && test.operation->role == kUses; ++i) {
+      before.push_back(next());
+      publish("Before", before.back(), false);
+    }
+    bool threw = false;  // Anything else thrown ends the child abnormally, which the parent reports.
+    call([&] {
+      if (test.onDispatcher) {
+        manager().publish(NamedEvent("Arm", next()), true);
+      } else {
+        failNthAllocation(pthread_self(), armAt);
+      }
+      try {
+        job();
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      }
+      fired = disarmAllocationFailure();
+    });
+    EXPECT_TRUE(fired || !threw) << "threw without a failing allocation";
+    return threw;
   }
   void publish(const std::string& type, int number, bool synchronous) {
     call([&] { manager().publish(NamedEvent(type, number), synchronous); });
@@ -128,18 +169,6 @@ struct World {
   }
 };
 
-// One operation: what it needs first, the call itself, and the check of its outcome, which also undoes it.
-using Step = std::function<void(World&)>;
-enum Role { kUses, kMakes, kEnds };  // What the operation does to the manager.
-struct Operation {
-  const char* name;
-  bool dispatcherWork;  // Also injected on the dispatcher thread.
-  Role role;
-  Step prepare;
-  Step call;
-  std::function<void(World&, bool threw)> verify;
-};
-
 void subscribeName(World& w) { manager().subscribe("A", w.client); }
 void subscribeList(World& w) { manager().subscribe(kList, w.client); }
 void subscribeCombined(World& w) { manager().subscribe(kDelayed, kTrigger, w.client); }
@@ -149,14 +178,14 @@ void unSubscribeCombined(World& w) { manager().unSubscribe(kDelayed, kTrigger, w
 void undo(World& w, void (*step)(World&)) {
   w.call([&] { step(w); });
 }
-// A fresh proxy of the target, subscribed with `step` (not failing) if given.
-Step withClient(void (*step)(World&) = nullptr) {
-  return [step](World& w) {
-    w.client = w.target.proxy();
-    if (step != nullptr) {
-      undo(w, step);
-    }
-  };
+// A fresh proxy of the target, subscribed with `prior` (not failing) if given, then `step`, failing: true if it
+// threw.
+bool changeTarget(World& w, void (*step)(World&), void (*prior)(World&) = nullptr) {
+  w.client = w.target.proxy();
+  if (prior != nullptr) {
+    undo(w, prior);
+  }
+  return w.failing([&] { step(w); });
 }
 // Checked before anything is published, which could reach a subscription that outlived its subscriber.
 bool subscriptionsAdded(World& w, unsigned added) {
@@ -176,9 +205,9 @@ void expectCombined(World& w, bool inForce) {
   }
   undo(w, unSubscribeCombined);
 }
-// Whether all of kList reaches the target once (`reached`), or none does. Names from the front of the list may
-// have been done and the rest not, never otherwise. The list is then withdrawn.
-bool listDone(World& w, bool reached) {
+// All of kList reaches the target once (`reached`), or none does, when the call `completed`; otherwise names from
+// the front of the list may have been done and the rest not, never otherwise. The list is then withdrawn.
+void expectList(World& w, bool reached, bool completed) {
   const unsigned added = w.subscriptions() - w.baseline;
   std::size_t run = 0;
   for (std::size_t i = 0; i < kList.size() && added <= kList.size(); ++i) {
@@ -187,114 +216,123 @@ bool listDone(World& w, bool reached) {
     EXPECT_EQ(got, run > i ? reached : !reached) << kList[i] << ": the names done are not a prefix of the list";
   }
   EXPECT_EQ(added, reached ? run : kList.size() - run);
+  EXPECT_EQ(run == kList.size(), completed);
   undo(w, unSubscribeList);
-  return run == kList.size();
 }
-Operation publishing(const char* name, bool synchronous) {
-  return {name,
-          synchronous,
-          kUses,
-          [](World& w) {
-            w.call([&] { manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
-            w.outgoing = std::make_unique<NamedEvent>("Pub", w.next());
-          },
-          [synchronous](World& w) { manager().publish(*w.outgoing, synchronous); },
-          [](World& w, bool threw) {
-            w.call([] { drainQueue(); });
-            EXPECT_EQ(w.sink.count(w.outgoing->payload()), threw ? 0 : 1);
-            EXPECT_EQ(w.other.count(w.outgoing->payload()), threw ? 0 : 1);
-            w.call([&] { manager().unSubscribe("Pub", w.other.proxy()); });
-          }};
-}
-Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
-  return {name,
-          false,
-          kUses,
-          [](World&) {},
-          [make](World& w) { w.made.reset(make(w.original)); },
-          [](World& w, bool threw) {
-            ASSERT_EQ(w.made == nullptr, threw);
-            if (w.made) {
-              EXPECT_EQ(w.made->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
-              EXPECT_TRUE(w.made->getCombinedStatus() == 0x00020301 && w.made->getFlag());
-            }
-          }};
-}
-// The contexts made before a failure stay in the sets and none is lost. All then go back, and the sets give up
-// their storage, which the next attempt allocates afresh.
+// The contexts made before a failure stay in the sets and none is lost. All then go back.
 void expectContexts(World& w, std::size_t made, bool threw) {
   EXPECT_EQ(liveContexts.load(), static_cast<long>(w.set.size() + w.copies.size()));
   EXPECT_EQ(made < registry().getFactoryCount(), threw);
   registry().destroy(w.copies);
   registry().destroy(w.set);
-  w.copies = ContextRegistry::ContextVector();
-  w.set = ContextRegistry::ContextVector();
 }
-void makeSet(World& w) { registry().create(w.set); }
+
+Operation publishing(const char* name, bool synchronous) {
+  return {name, synchronous, kUses, [synchronous](World& w) {
+            w.call([&] { manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
+            const NamedEvent event("Pub", w.next());
+            const bool threw = w.failing([&] { manager().publish(event, synchronous); });
+            w.call([] { drainQueue(); });
+            EXPECT_EQ(w.sink.count(event.payload()), threw ? 0 : 1);
+            EXPECT_EQ(w.other.count(event.payload()), threw ? 0 : 1);
+            w.call([&] { manager().unSubscribe("Pub", w.other.proxy()); });
+          }};
+}
+Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
+  return {name, false, kUses, [make](World& w) {
+            const InputRequestEvent original{1, 2, 3, true};
+            std::unique_ptr<InputRequestEvent> made;
+            const bool threw = w.failing([&] { made.reset(make(original)); });
+            ASSERT_EQ(made == nullptr, threw);
+            if (made) {
+              EXPECT_EQ(made->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
+              EXPECT_TRUE(made->getCombinedStatus() == 0x00020301 && made->getFlag());
+            }
+          }};
+}
+// Makes a set, or also saves it, then `step` on it, failing; then the prefix of the set that `member` marks done.
+Operation onContexts(const char* name, bool save, void (*step)(ContextRegistry::ContextVector&),
+                     std::unique_ptr<int> Context::*member) {
+  return {name, false, kUses, [save, step, member](World& w) {
+            registry().create(w.set);
+            if (save) {
+              registry().save(w.set);
+            }
+            const bool threw = w.failing([&] { step(w.set); });
+            expectContexts(w, setPrefix(w.set, member), threw);
+          }};
+}
 
 const std::vector<Operation>& operations() {
   static const std::vector<Operation> all{
       publishing("publish(async)", false),
       publishing("publish(sync)", true),
-      {"subscribe(name)", true, kUses, withClient(), subscribeName,
-       [](World& w, bool threw) { expectName(w, !threw); }},
-      {"subscribe(list)", true, kUses, withClient(), subscribeList,
-       [](World& w, bool threw) { EXPECT_EQ(listDone(w, true), !threw); }},
-      {"subscribe(combined)", true, kUses, withClient(), subscribeCombined,
-       [](World& w, bool threw) { expectCombined(w, !threw); }},
+      {"subscribe(name)", true, kUses, [](World& w) { expectName(w, !changeTarget(w, subscribeName)); }},
+      {"subscribe(list)", true, kUses, [](World& w) { expectList(w, true, !changeTarget(w, subscribeList)); }},
+      {"subscribe(combined)", true, kUses, [](World& w) { expectCombined(w, !changeTarget(w, subscribeCombined)); }},
       // Exactly one combined subscription, whatever the second call did.
-      {"subscribe(combined, again)", true, kUses, withClient(subscribeCombined), subscribeCombined,
-       [](World& w, bool /*threw*/) { expectCombined(w, true); }},
-      {"unSubscribe(name)", true, kUses, withClient(subscribeName), unSubscribeName,
-       [](World& w, bool threw) { expectName(w, threw); }},
-      {"unSubscribe(list)", true, kUses, withClient(subscribeList), unSubscribeList,
-       [](World& w, bool threw) { EXPECT_EQ(listDone(w, false), !threw); }},
-      {"unSubscribe(combined)", true, kUses, withClient(subscribeCombined), unSubscribeCombined,
-       [](World& w, bool threw) { expectCombined(w, threw); }},
+      {"subscribe(combined, again)", true, kUses,
+       [](World& w) {
+         changeTarget(w, subscribeCombined, subscribeCombined);
+         expectCombined(w, true);
+       }},
+      {"unSubscribe(name)", true, kUses,
+       [](World& w) { expectName(w, changeTarget(w, unSubscribeName, subscribeName)); }},
+      {"unSubscribe(list)", true, kUses,
+       [](World& w) { expectList(w, false, !changeTarget(w, unSubscribeList, subscribeList)); }},
+      {"unSubscribe(combined)", true, kUses,
+       [](World& w) { expectCombined(w, changeTarget(w, unSubscribeCombined, subscribeCombined)); }},
       // After a failure, the next call tries again.
-      {"instance() making the manager", false, kMakes, [](World&) {}, [](World& /*w*/) { EventMgr::instance(); },
-       [](World& w, bool /*threw*/) {
+      {"instance() making the manager", false, kMakes,
+       [](World& w) {
+         w.failing([] { EventMgr::instance(); });
          bool working = false;
          w.call([&] { working = dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; });
          EXPECT_TRUE(working);
          w.establish();
        }},
       // Never fails: whichever allocation fails, the dispatcher is joined and instance() is the no-op manager.
-      {"shutDown", false, kEnds, [](World& w) { w.threadsBefore = taskCount(); },
-       [](World& /*w*/) { shutDownManager(); },
-       [](World& w, bool threw) {
-         EXPECT_FALSE(threw);
-         EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
-         EXPECT_TRUE(eventually([&] { return taskCount() == w.threadsBefore - 1; })) << "the dispatcher is left";
-       }},
-      {"registerFactory, 12 in a row", false, kUses, [](World& w) { w.factoriesBefore = registry().getFactoryCount(); },
+      {"shutDown", false, kEnds,
        [](World& w) {
-         for (; w.registered < 12; ++w.registered) {
-           registry().registerFactory(&factories[2]);
-         }
-       },
-       [](World& w, bool threw) {
-         EXPECT_EQ(registry().getFactoryCount(), w.factoriesBefore + w.registered);
-         EXPECT_EQ(w.registered < 12, threw);
+         const std::size_t threadsBefore = taskCount();
+         EXPECT_FALSE(w.failing(shutDownManager));
+         EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
+         EXPECT_TRUE(eventually([&] { return taskCount() == threadsBefore - 1; })) << "the dispatcher is left";
        }},
-      {"ContextRegistry::create", false, kUses, [](World&) {}, makeSet,
-       [](World& w, bool threw) { expectContexts(w, w.set.size(), threw); }},
-      {"ContextRegistry::destroy", false, kUses, makeSet, [](World& w) { registry().destroy(w.set); },
-       [](World& w, bool threw) {
+      {"registerFactory, 12 in a row", false, kUses,
+       [](World& w) {
+         const std::size_t before = registry().getFactoryCount();
+         std::size_t added = 0;
+         const bool threw = w.failing([&] {
+           for (; added < 12; ++added) {
+             registry().registerFactory(&factories[2]);
+           }
+         });
+         EXPECT_EQ(registry().getFactoryCount(), before + added);
+         EXPECT_EQ(added < 12, threw);
+       }},
+      {"ContextRegistry::create", false, kUses,
+       [](World& w) {
+         const bool threw = w.failing([&] { registry().create(w.set); });
+         expectContexts(w, w.set.size(), threw);
+       }},
+      {"ContextRegistry::destroy", false, kUses,
+       [](World& w) {
+         registry().create(w.set);
+         const bool threw = w.failing([&] { registry().destroy(w.set); });
          EXPECT_EQ(w.set.size(), threw ? registry().getFactoryCount() : 0U);
          expectContexts(w, registry().getFactoryCount(), false);
        }},
-      {"ContextRegistry::save", false, kUses, makeSet, [](World& w) { registry().save(w.set); },
-       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::saved), threw); }},
-      {"ContextRegistry::restore", false, kUses,
+      onContexts(
+          "ContextRegistry::save", false, [](auto& set) { registry().save(set); }, &Context::saved),
+      onContexts(
+          "ContextRegistry::restore", true, [](auto& set) { registry().restore(set); }, &Context::restored),
+      {"ContextRegistry::clone", false, kUses,
        [](World& w) {
-         makeSet(w);
-         registry().save(w.set);
-       },
-       [](World& w) { registry().restore(w.set); },
-       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::restored), threw); }},
-      {"ContextRegistry::clone", false, kUses, makeSet, [](World& w) { registry().clone(w.copies, w.set); },
-       [](World& w, bool threw) { expectContexts(w, w.copies.size(), threw); }},
+         registry().create(w.set);
+         const bool threw = w.failing([&] { registry().clone(w.copies, w.set); });
+         expectContexts(w, w.copies.size(), threw);
+       }},
       makingEvent("InputRequestEvent(values)",
                   [](const InputRequestEvent&) { return new InputRequestEvent(1, 2, 3, true); }),
       makingEvent("InputRequestEvent(copy)", [](const InputRequestEvent& e) { return new InputRequestEvent(e); }),
@@ -303,13 +341,6 @@ const std::vector<Operation>& operations() {
   return all;
 }
 
-// One operation with its allocations failing on the caller's thread, or on the dispatcher's; the label names the
-// case in one ctest word, "subscribe_list_dispatcher".
-struct Case {
-  const Operation* operation;
-  bool onDispatcher;
-  std::string label;
-};
 std::vector<Case> cases() {
   std::vector<Case> all;
   for (const Operation& operation : operations()) {
@@ -323,58 +354,33 @@ std::vector<Case> cases() {
   return all;
 }
 
-enum class Outcome { Returned, BadAlloc, Other };
 constexpr int kFired = 2;  // A child's exit status: the armed allocation failed, and the attempt was survived.
 
 // One attempt, in a child of its own: allocation `n` of the operation fails. Returns kFired, or 0 if the
 // operation completed before its nth allocation.
 int attempt(const Case& c, unsigned long n) {
-  const Operation& op = *c.operation;
   bool fired = false;
   {
-    World w;
+    armAt = n;
+    World w(c);
     // This thread, a second one in the dispatcher's place, and any that a sanitizer runtime starts with the
     // first thread (ThreadSanitizer does).
     std::size_t threads = 0;
     std::thread([&threads] { threads = taskCount(); }).join();
-    if (op.role != kMakes) {
+    if (c.operation->role != kMakes) {
       w.establish();
     }
-    op.prepare(w);
-    std::vector<int> before;  // Accepted before the call: each must arrive once.
-    for (int i = 0; i < 2 && op.role == kUses; ++i) {
-      before.push_back(w.next());
-      w.publish("Before", before.back(), false);
-    }
-    Outcome outcome = Outcome::Returned;
-    armAt = n;
-    w.call([&] {
-      if (c.onDispatcher) {
-        manager().publish(NamedEvent("Arm", w.next()), true);
-      } else {
-        failNthAllocation(pthread_self(), n);
-      }
-      try {
-        op.call(w);
-      } catch (const std::bad_alloc&) {
-        outcome = Outcome::BadAlloc;
-      } catch (...) {
-        outcome = Outcome::Other;
-      }
-      fired = disarmAllocationFailure();
-    });
-    EXPECT_NE(outcome, Outcome::Other);
-    EXPECT_TRUE(fired || outcome == Outcome::Returned) << "threw without a failing allocation";
-    op.verify(w, outcome == Outcome::BadAlloc);
-    if (op.role != kEnds) {
+    c.operation->run(w);
+    if (c.operation->role != kEnds) {
       EXPECT_EQ(w.subscriptions(), w.baseline) << "a subscription is left over, or one made before is gone";
       EXPECT_EQ(w.deliveredTo(w.sink, "Probe"), 1) << "the manager no longer delivers exactly once";
-      for (const int number : before) {
+      for (const int number : w.before) {
         EXPECT_EQ(w.sink.count(number), 1) << "an event published before the call";
       }
       EXPECT_TRUE(eventually([&] { return taskCount() == threads; })) << "a thread is left behind";
     }
     shutDownManager();  // Before the world goes: the manager holds its subscribers.
+    fired = w.fired;
   }
   EXPECT_EQ(liveContexts.load(), 0);
   return fired ? kFired : 0;
