@@ -56,14 +56,9 @@ Factory factories[3];  // [0] and [1] registered for the life of the process; [2
 
 // How many entries from the front have `member` set; none after them may.
 std::size_t setPrefix(const ContextRegistry::ContextVector& set, std::unique_ptr<int> Context::*member) {
-  std::size_t prefix = 0;
-  while (prefix < set.size() && static_cast<Context*>(set[prefix])->*member) {
-    ++prefix;
-  }
-  for (std::size_t i = prefix; i < set.size(); ++i) {
-    EXPECT_FALSE(static_cast<Context*>(set[i])->*member) << "entry " << i << " is done, an earlier one is not";
-  }
-  return prefix;
+  const auto done = [member](ContextBase* entry) { return static_cast<Context*>(entry)->*member != nullptr; };
+  EXPECT_TRUE(std::is_partitioned(set.begin(), set.end(), done)) << "an entry is done, an earlier one is not";
+  return static_cast<std::size_t>(std::partition_point(set.begin(), set.end(), done) - set.begin());
 }
 
 std::size_t taskCount() {  // Threads of the process.
