@@ -124,11 +124,7 @@ struct World {
     }
     bool threw = false;  // Anything else thrown ends the child abnormally, which the parent reports.
     call([&] {
-      if (test.onDispatcher) {
-        manager().publish(NamedEvent("Arm", next()), true);
-      } else {
-        failNthAllocation(pthread_self(), armAt);
-      }
+      test.onDispatcher ? manager().publish(NamedEvent("Arm", next()), true) : failNthAllocation(pthread_self(), armAt);
       try {
         job();
       } catch (const std::bad_alloc&) {
