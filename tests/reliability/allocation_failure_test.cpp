@@ -87,6 +87,7 @@ struct Case {
   bool onDispatcher;
   std::string label;
 };
+void PrintTo(const Case& c, std::ostream* out) { *out << c.label; }
 // Everything an attempt works with; the operation's client is `target`.
 struct World {
   explicit World(const Case& c) : test(c) {}
