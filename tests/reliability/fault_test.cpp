@@ -32,7 +32,8 @@ constexpr std::chrono::minutes kWholeRun(4);
 
 // The throwing run, in a child of its own.
 int millionThrows() {
-  mallopt(M_ARENA_MAX, 1);  // Every thread allocates in the main arena, whose bytes in use are measured.
+  // Every thread allocates in the main arena, whose bytes in use are measured.
+  mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): before any thread starts.
   EventMgr& manager = *EventMgr::instance();
   std::vector<Thrower> throwers{
       {[](const TestEvent&) { throw std::runtime_error("runtime failure"); }},
@@ -130,9 +131,9 @@ TEST(ReliabilityFaults, ShutdownWithWaitersAndQueuedEventsRepeatedly) {
           [&] { manager.subscribe(Names{"Late"}, client); },      [&] { manager.subscribe(list, triggers, client); },
           [&] { manager.unSubscribe("Queued", client); },         [&] { manager.unSubscribe(list, client); },
           [&] { manager.unSubscribe(delayed, triggers, client); }};
-      std::vector<std::thread> requesters;
-      for (const std::function<void()>& request : requests) {
-        requesters.emplace_back([&request] {
+      std::vector<std::thread> requesters(requests.size());
+      for (std::size_t i = 0; i < requests.size(); ++i) {
+        requesters[i] = std::thread([&request = requests[i]] {
           request();  // Released by the shutdown, not before: the manager is the no-op one by then.
           EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
         });

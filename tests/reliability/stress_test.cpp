@@ -148,8 +148,8 @@ void classify(const std::vector<Interval>& intervals, std::uint64_t publishStart
 
 // The randomized run, in a child of its own.
 int randomizedRun() {
-  const char* const startText = std::getenv("VEXUTIL_STRESS_START");
-  const char* const secondsText = std::getenv("VEXUTIL_STRESS_SECONDS");
+  const char* const startText = std::getenv("VEXUTIL_STRESS_START");      // NOLINT(concurrency-mt-unsafe): one thread.
+  const char* const secondsText = std::getenv("VEXUTIL_STRESS_SECONDS");  // NOLINT(concurrency-mt-unsafe)
   randomStart =
       startText != nullptr && *startText != '\0' ? std::strtoull(startText, nullptr, 10) : std::random_device()();
   const double seconds = secondsText != nullptr && std::atof(secondsText) > 0 ? std::atof(secondsText) : 3.0;
@@ -169,9 +169,9 @@ int randomizedRun() {
 
   // Workers mostly publish (one in six synchronously), otherwise change one of their two clients.
   std::atomic<bool> stop{false};
-  std::vector<std::thread> workers;
+  std::vector<std::thread> workers(kWorkers);
   for (int id = 0; id < kWorkers; ++id) {
-    workers.emplace_back([id, &stop] {
+    workers[id] = std::thread([id, &stop] {
       std::mt19937_64 random(randomStart + 0x9E3779B97F4A7C15ULL * static_cast<std::uint64_t>(id + 1));
       while (!stop.load()) {
         const auto choice = static_cast<int>(random() % 100);
@@ -251,9 +251,9 @@ struct Withdrawable {
 // synchronously, withdraws it and marks the client withdrawn.
 int shutdownRound() {
   Counter underWay;
-  std::vector<std::thread> workers;
+  std::vector<std::thread> workers(4);
   for (int id = 0; id < 4; ++id) {
-    workers.emplace_back([id, &underWay] {
+    workers[id] = std::thread([id, &underWay] {
       EventMgr* const kept = EventMgr::instance();
       std::vector<std::unique_ptr<Withdrawable>> made;  // Kept until the round ends, to catch late calls.
       for (int step = 0; step <= 2 || dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; ++step) {
