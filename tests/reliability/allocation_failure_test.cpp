@@ -49,19 +49,16 @@ struct Factory : ContextFactoryBase {
   void destroy(ContextBase* context) override { delete context; }
   ContextBase* clone(const ContextBase* context) override { return new Context(*static_cast<const Context*>(context)); }
 };
-Factory factories[3];  // Registered for the life of the process; [2] by the registerFactory case.
 ContextRegistry& registry() { return *ContextRegistry::getInstance(); }
+Factory factories[3];  // [0] and [1] registered for the life of the process; [2] by the registerFactory case.
+[[maybe_unused]] const bool registered =
+    (registry().registerFactory(&factories[0]), registry().registerFactory(&factories[1]), true);
 
 // How many entries from the front have `member` set; none after them may.
 std::size_t setPrefix(const ContextRegistry::ContextVector& set, std::unique_ptr<int> Context::*member) {
-  std::size_t prefix = 0;
-  while (prefix < set.size() && static_cast<Context*>(set[prefix])->*member) {
-    ++prefix;
-  }
-  for (std::size_t i = prefix; i < set.size(); ++i) {
-    EXPECT_FALSE(static_cast<Context*>(set[i])->*member) << "entry " << i << " is done, an earlier one is not";
-  }
-  return prefix;
+  const auto done = [member](ContextBase* entry) { return static_cast<Context*>(entry)->*member != nullptr; };
+  EXPECT_TRUE(std::is_partitioned(set.begin(), set.end(), done)) << "an entry is done, an earlier one is not";
+  return static_cast<std::size_t>(std::partition_point(set.begin(), set.end(), done) - set.begin());
 }
 
 std::size_t taskCount() {  // Threads of the process.
@@ -71,23 +68,41 @@ std::size_t taskCount() {  // Threads of the process.
 
 EventMgr& manager() { return *EventMgr::instance(); }
 
+enum Role { kUses, kMakes, kEnds };  // What the operation does to the manager.
+
+struct World;
+// One operation: what it needs first, the call itself (through World::failing), and the check of its outcome,
+// which also undoes it.
+struct Operation {
+  const char* name;
+  bool dispatcherWork;  // Also injected on the dispatcher thread.
+  Role role;
+  std::function<void(World&)> run;
+};
+
+// One operation with its allocations failing on the caller's thread, or on the dispatcher's; the label names the
+// case in one ctest word, "subscribe_list_dispatcher".
+struct Case {
+  const Operation* operation;
+  bool onDispatcher;
+  std::string label;
+};
+void PrintTo(const Case& c, std::ostream* out) { *out << c.label; }
 // Everything an attempt works with; the operation's client is `target`.
 struct World {
+  explicit World(const Case& c) : test(c) {}
+  const Case& test;
   Sink sink;  // Subscribed to "Probe", "Before" and "Pub" before any operation.
   Sink target;
   Sink other;
   Armer armer;
   EventMgr::ClientPtr client;
-  std::unique_ptr<TestEvent> outgoing;
   ContextRegistry::ContextVector set;
   ContextRegistry::ContextVector copies;
-  std::size_t factoriesBefore = 0;
-  std::size_t registered = 0;
-  const InputRequestEvent original{1, 2, 3, true};
-  std::unique_ptr<InputRequestEvent> made;
+  std::vector<int> before;  // Accepted just before the call: each must arrive once.
   int payload = 0;
   unsigned baseline = 0;  // Subscriptions with the target subscribed nowhere.
-  std::size_t threadsBefore = 0;
+  bool fired = false;
 
   int next() { return ++payload; }
   // Runs `job` on a caller thread of its own and waits for it, at most kPatience. A caller that does not
@@ -100,6 +115,26 @@ struct World {
       std::_Exit(EXIT_FAILURE);
     }
     done.get();
+  }
+  // The call under test, with allocation armAt failing on its thread or the dispatcher: true if it threw
+  // std::bad_alloc. An operation that uses the manager has two events published asynchronously first.
+  bool failing(const std::function<void()>& job) {
+    for (int i = 0; i < 2 && test.operation->role == kUses; ++i) {
+      before.push_back(next());
+      publish("Before", before.back(), false);
+    }
+    bool threw = false;  // Anything else thrown ends the child abnormally, which the parent reports.
+    call([&] {
+      test.onDispatcher ? manager().publish(NamedEvent("Arm", next()), true) : failNthAllocation(pthread_self(), armAt);
+      try {
+        job();
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      }
+      fired = disarmAllocationFailure();
+    });
+    EXPECT_TRUE(fired || !threw) << "threw without a failing allocation";
+    return threw;
   }
   void publish(const std::string& type, int number, bool synchronous) {
     call([&] { manager().publish(NamedEvent(type, number), synchronous); });
@@ -126,18 +161,6 @@ struct World {
   }
 };
 
-// One operation: what it needs first, the call itself, and the check of its outcome, which also undoes it.
-using Step = std::function<void(World&)>;
-enum Role { kUses, kMakes, kEnds };  // What the operation does to the manager.
-struct Operation {
-  const char* name;
-  bool dispatcherWork;  // Also injected on the dispatcher thread.
-  Role role;
-  Step prepare;
-  Step call;
-  std::function<void(World&, bool threw)> verify;
-};
-
 void subscribeName(World& w) { manager().subscribe("A", w.client); }
 void subscribeList(World& w) { manager().subscribe(kList, w.client); }
 void subscribeCombined(World& w) { manager().subscribe(kDelayed, kTrigger, w.client); }
@@ -147,36 +170,30 @@ void unSubscribeCombined(World& w) { manager().unSubscribe(kDelayed, kTrigger, w
 void undo(World& w, void (*step)(World&)) {
   w.call([&] { step(w); });
 }
-// A fresh proxy of the target, subscribed with `step` (not failing) if given.
-Step withClient(void (*step)(World&) = nullptr) {
-  return [step](World& w) {
-    w.client = w.target.proxy();
-    if (step != nullptr) {
-      undo(w, step);
-    }
-  };
+// A fresh proxy of the target, subscribed with `prior` (not failing) if given, then `step`, failing: true if it
+// threw.
+bool changeTarget(World& w, void (*step)(World&), void (*prior)(World&) = nullptr) {
+  w.client = w.target.proxy();
+  if (prior != nullptr) {
+    undo(w, prior);
+  }
+  return w.failing([&] { step(w); });
 }
-// Checked before anything is published, which could reach a subscription that outlived its subscriber.
-bool subscriptionsAdded(World& w, unsigned added) {
+// Whether the target's subscription to "A" (or the combined one) is in force: its subscriptions, checked before
+// anything is published (which could reach one that outlived its subscriber), the mailer, an event handed to the
+// target. The subscription is then withdrawn.
+void expectSubscription(World& w, bool combined, bool inForce) {
+  const unsigned added = inForce ? (combined ? 3 : 1) : 0;
   EXPECT_EQ(w.subscriptions(), w.baseline + added);
-  return w.subscriptions() == w.baseline + added;
-}
-void expectName(World& w, bool inForce) {
-  if (subscriptionsAdded(w, inForce ? 1 : 0)) {
-    EXPECT_EQ(w.deliveredTo(w.target, "A"), inForce ? 1 : 0);
+  if (w.subscriptions() == w.baseline + added) {
+    EXPECT_EQ(defaultManager().getMailerCount(), combined && inForce ? 1U : 0U);
+    EXPECT_EQ(combined ? w.handedOver() : w.deliveredTo(w.target, "A"), inForce ? 1 : 0);
   }
-  undo(w, unSubscribeName);
+  undo(w, combined ? unSubscribeCombined : unSubscribeName);
 }
-void expectCombined(World& w, bool inForce) {
-  if (subscriptionsAdded(w, inForce ? 3 : 0)) {
-    EXPECT_EQ(defaultManager().getMailerCount(), inForce ? 1U : 0U);
-    EXPECT_EQ(w.handedOver(), inForce ? 1 : 0);
-  }
-  undo(w, unSubscribeCombined);
-}
-// Whether all of kList reaches the target once (`reached`), or none does. Names from the front of the list may
-// have been done and the rest not, never otherwise. The list is then withdrawn.
-bool listDone(World& w, bool reached) {
+// All of kList reaches the target once (`reached`), or none does, when the call `completed`; otherwise names from
+// the front of the list may have been done and the rest not, never otherwise. The list is then withdrawn.
+void expectList(World& w, bool reached, bool completed) {
   const unsigned added = w.subscriptions() - w.baseline;
   std::size_t run = 0;
   for (std::size_t i = 0; i < kList.size() && added <= kList.size(); ++i) {
@@ -185,114 +202,124 @@ bool listDone(World& w, bool reached) {
     EXPECT_EQ(got, run > i ? reached : !reached) << kList[i] << ": the names done are not a prefix of the list";
   }
   EXPECT_EQ(added, reached ? run : kList.size() - run);
+  EXPECT_EQ(run == kList.size(), completed);
   undo(w, unSubscribeList);
-  return run == kList.size();
 }
-Operation publishing(const char* name, bool synchronous) {
-  return {name,
-          synchronous,
-          kUses,
-          [](World& w) {
-            w.call([&] { manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
-            w.outgoing = std::make_unique<NamedEvent>("Pub", w.next());
-          },
-          [synchronous](World& w) { manager().publish(*w.outgoing, synchronous); },
-          [](World& w, bool threw) {
-            w.call([] { drainQueue(); });
-            EXPECT_EQ(w.sink.count(w.outgoing->payload()), threw ? 0 : 1);
-            EXPECT_EQ(w.other.count(w.outgoing->payload()), threw ? 0 : 1);
-            w.call([&] { manager().unSubscribe("Pub", w.other.proxy()); });
-          }};
-}
-Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
-  return {name,
-          false,
-          kUses,
-          [](World&) {},
-          [make](World& w) { w.made.reset(make(w.original)); },
-          [](World& w, bool threw) {
-            ASSERT_EQ(w.made == nullptr, threw);
-            if (w.made) {
-              EXPECT_EQ(w.made->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
-              EXPECT_TRUE(w.made->getCombinedStatus() == 0x00020301 && w.made->getFlag());
-            }
-          }};
-}
-// The contexts made before a failure stay in the sets and none is lost. All then go back, and the sets give up
-// their storage, which the next attempt allocates afresh.
+// The contexts made before a failure stay in the sets and none is lost. All then go back.
 void expectContexts(World& w, std::size_t made, bool threw) {
   EXPECT_EQ(liveContexts.load(), static_cast<long>(w.set.size() + w.copies.size()));
   EXPECT_EQ(made < registry().getFactoryCount(), threw);
   registry().destroy(w.copies);
   registry().destroy(w.set);
-  w.copies = ContextRegistry::ContextVector();
-  w.set = ContextRegistry::ContextVector();
 }
-void makeSet(World& w) { registry().create(w.set); }
+
+Operation publishing(const char* name, bool synchronous) {
+  return {name, synchronous, kUses, [synchronous](World& w) {
+            w.call([&] { manager().subscribe("Pub", w.other.proxy()); });  // "Pub" changed since its last delivery.
+            const NamedEvent event("Pub", w.next());
+            const bool threw = w.failing([&] { manager().publish(event, synchronous); });
+            w.call([] { drainQueue(); });
+            EXPECT_EQ(w.sink.count(event.payload()), threw ? 0 : 1);
+            EXPECT_EQ(w.other.count(event.payload()), threw ? 0 : 1);
+            w.call([&] { manager().unSubscribe("Pub", w.other.proxy()); });
+          }};
+}
+Operation makingEvent(const char* name, InputRequestEvent* (*make)(const InputRequestEvent&)) {
+  return {name, false, kUses, [make](World& w) {
+            const InputRequestEvent original{1, 2, 3, true};
+            std::unique_ptr<InputRequestEvent> made;
+            const bool threw = w.failing([&] { made.reset(make(original)); });
+            ASSERT_EQ(made == nullptr, threw);
+            if (made) {
+              EXPECT_EQ(made->getTypes(), (Names{"InputRequestEvent", "BaseEvent"}));
+              EXPECT_TRUE(made->getCombinedStatus() == 0x00020301 && made->getFlag());
+            }
+          }};
+}
+// Makes a set, or also saves it, then `step` on it, failing; then the prefix of the set that `member` marks done.
+Operation onContexts(const char* name, bool save, void (*step)(ContextRegistry::ContextVector&),
+                     std::unique_ptr<int> Context::*member) {
+  return {name, false, kUses, [save, step, member](World& w) {
+            registry().create(w.set);
+            if (save) {
+              registry().save(w.set);
+            }
+            const bool threw = w.failing([&] { step(w.set); });
+            expectContexts(w, setPrefix(w.set, member), threw);
+          }};
+}
 
 const std::vector<Operation>& operations() {
   static const std::vector<Operation> all{
       publishing("publish(async)", false),
       publishing("publish(sync)", true),
-      {"subscribe(name)", true, kUses, withClient(), subscribeName,
-       [](World& w, bool threw) { expectName(w, !threw); }},
-      {"subscribe(list)", true, kUses, withClient(), subscribeList,
-       [](World& w, bool threw) { EXPECT_EQ(listDone(w, true), !threw); }},
-      {"subscribe(combined)", true, kUses, withClient(), subscribeCombined,
-       [](World& w, bool threw) { expectCombined(w, !threw); }},
+      {"subscribe(name)", true, kUses, [](World& w) { expectSubscription(w, false, !changeTarget(w, subscribeName)); }},
+      {"subscribe(list)", true, kUses, [](World& w) { expectList(w, true, !changeTarget(w, subscribeList)); }},
+      {"subscribe(combined)", true, kUses,
+       [](World& w) { expectSubscription(w, true, !changeTarget(w, subscribeCombined)); }},
       // Exactly one combined subscription, whatever the second call did.
-      {"subscribe(combined, again)", true, kUses, withClient(subscribeCombined), subscribeCombined,
-       [](World& w, bool /*threw*/) { expectCombined(w, true); }},
-      {"unSubscribe(name)", true, kUses, withClient(subscribeName), unSubscribeName,
-       [](World& w, bool threw) { expectName(w, threw); }},
-      {"unSubscribe(list)", true, kUses, withClient(subscribeList), unSubscribeList,
-       [](World& w, bool threw) { EXPECT_EQ(listDone(w, false), !threw); }},
-      {"unSubscribe(combined)", true, kUses, withClient(subscribeCombined), unSubscribeCombined,
-       [](World& w, bool threw) { expectCombined(w, threw); }},
+      {"subscribe(combined, again)", true, kUses,
+       [](World& w) {
+         changeTarget(w, subscribeCombined, subscribeCombined);
+         expectSubscription(w, true, true);
+       }},
+      {"unSubscribe(name)", true, kUses,
+       [](World& w) { expectSubscription(w, false, changeTarget(w, unSubscribeName, subscribeName)); }},
+      {"unSubscribe(list)", true, kUses,
+       [](World& w) { expectList(w, false, !changeTarget(w, unSubscribeList, subscribeList)); }},
+      {"unSubscribe(combined)", true, kUses,
+       [](World& w) { expectSubscription(w, true, changeTarget(w, unSubscribeCombined, subscribeCombined)); }},
       // After a failure, the next call tries again.
-      {"instance() making the manager", false, kMakes, [](World&) {}, [](World& /*w*/) { EventMgr::instance(); },
-       [](World& w, bool /*threw*/) {
+      {"instance() making the manager", false, kMakes,
+       [](World& w) {
+         w.failing([] { EventMgr::instance(); });
          bool working = false;
          w.call([&] { working = dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; });
          EXPECT_TRUE(working);
          w.establish();
        }},
       // Never fails: whichever allocation fails, the dispatcher is joined and instance() is the no-op manager.
-      {"shutDown", false, kEnds, [](World& w) { w.threadsBefore = taskCount(); },
-       [](World& /*w*/) { shutDownManager(); },
-       [](World& w, bool threw) {
-         EXPECT_FALSE(threw);
-         EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
-         EXPECT_TRUE(eventually([&] { return taskCount() == w.threadsBefore - 1; })) << "the dispatcher is left";
-       }},
-      {"registerFactory, 12 in a row", false, kUses, [](World& w) { w.factoriesBefore = registry().getFactoryCount(); },
+      {"shutDown", false, kEnds,
        [](World& w) {
-         for (; w.registered < 12; ++w.registered) {
-           registry().registerFactory(&factories[2]);
-         }
-       },
-       [](World& w, bool threw) {
-         EXPECT_EQ(registry().getFactoryCount(), w.factoriesBefore + w.registered);
-         EXPECT_EQ(w.registered < 12, threw);
+         const std::size_t threadsBefore = taskCount();
+         EXPECT_FALSE(w.failing(shutDownManager));
+         EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
+         EXPECT_TRUE(eventually([&] { return taskCount() == threadsBefore - 1; })) << "the dispatcher is left";
        }},
-      {"ContextRegistry::create", false, kUses, [](World&) {}, makeSet,
-       [](World& w, bool threw) { expectContexts(w, w.set.size(), threw); }},
-      {"ContextRegistry::destroy", false, kUses, makeSet, [](World& w) { registry().destroy(w.set); },
-       [](World& w, bool threw) {
+      {"registerFactory, 12 in a row", false, kUses,
+       [](World& w) {
+         const std::size_t before = registry().getFactoryCount();
+         std::size_t added = 0;
+         const bool threw = w.failing([&] {
+           for (; added < 12; ++added) {
+             registry().registerFactory(&factories[2]);
+           }
+         });
+         EXPECT_EQ(registry().getFactoryCount(), before + added);
+         EXPECT_EQ(added < 12, threw);
+       }},
+      {"ContextRegistry::create", false, kUses,
+       [](World& w) {
+         const bool threw = w.failing([&] { registry().create(w.set); });
+         expectContexts(w, w.set.size(), threw);
+       }},
+      {"ContextRegistry::destroy", false, kUses,
+       [](World& w) {
+         registry().create(w.set);
+         const bool threw = w.failing([&] { registry().destroy(w.set); });
          EXPECT_EQ(w.set.size(), threw ? registry().getFactoryCount() : 0U);
          expectContexts(w, registry().getFactoryCount(), false);
        }},
-      {"ContextRegistry::save", false, kUses, makeSet, [](World& w) { registry().save(w.set); },
-       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::saved), threw); }},
-      {"ContextRegistry::restore", false, kUses,
+      onContexts(
+          "ContextRegistry::save", false, [](auto& set) { registry().save(set); }, &Context::saved),
+      onContexts(
+          "ContextRegistry::restore", true, [](auto& set) { registry().restore(set); }, &Context::restored),
+      {"ContextRegistry::clone", false, kUses,
        [](World& w) {
-         makeSet(w);
-         registry().save(w.set);
-       },
-       [](World& w) { registry().restore(w.set); },
-       [](World& w, bool threw) { expectContexts(w, setPrefix(w.set, &Context::restored), threw); }},
-      {"ContextRegistry::clone", false, kUses, makeSet, [](World& w) { registry().clone(w.copies, w.set); },
-       [](World& w, bool threw) { expectContexts(w, w.copies.size(), threw); }},
+         registry().create(w.set);
+         const bool threw = w.failing([&] { registry().clone(w.copies, w.set); });
+         expectContexts(w, w.copies.size(), threw);
+       }},
       makingEvent("InputRequestEvent(values)",
                   [](const InputRequestEvent&) { return new InputRequestEvent(1, 2, 3, true); }),
       makingEvent("InputRequestEvent(copy)", [](const InputRequestEvent& e) { return new InputRequestEvent(e); }),
@@ -301,78 +328,46 @@ const std::vector<Operation>& operations() {
   return all;
 }
 
-struct Case {
-  const Operation* operation;
-  bool onDispatcher;
-  std::string label() const {
-    return std::string(operation->name) + (onDispatcher ? " on the dispatcher" : " on the caller");
-  }
-};
-void PrintTo(const Case& c, std::ostream* out) { *out << c.label(); }
-
 std::vector<Case> cases() {
   std::vector<Case> all;
   for (const Operation& operation : operations()) {
-    all.push_back({&operation, false});
-    if (operation.dispatcherWork) {
-      all.push_back({&operation, true});
+    for (const bool onDispatcher : {false, true}) {
+      if (!onDispatcher || operation.dispatcherWork) {
+        const std::string words = std::string(operation.name) + (onDispatcher ? " dispatcher" : " caller");
+        all.push_back({&operation, onDispatcher, std::regex_replace(words, std::regex("[^A-Za-z0-9]+"), "_")});
+      }
     }
   }
   return all;
 }
 
-enum class Outcome { Returned, BadAlloc, Other };
 constexpr int kFired = 2;  // A child's exit status: the armed allocation failed, and the attempt was survived.
 
 // One attempt, in a child of its own: allocation `n` of the operation fails. Returns kFired, or 0 if the
 // operation completed before its nth allocation.
 int attempt(const Case& c, unsigned long n) {
-  const Operation& op = *c.operation;
   bool fired = false;
   {
-    World w;
+    armAt = n;
+    World w(c);
     // This thread, a second one in the dispatcher's place, and any that a sanitizer runtime starts with the
     // first thread (ThreadSanitizer does).
     std::size_t threads = 0;
     std::thread([&threads] { threads = taskCount(); }).join();
-    if (op.role != kMakes) {
+    if (c.operation->role != kMakes) {
       w.establish();
     }
-    op.prepare(w);
-    std::vector<int> before;  // Accepted before the call: each must arrive once.
-    for (int i = 0; i < 2 && op.role == kUses; ++i) {
-      before.push_back(w.next());
-      w.publish("Before", before.back(), false);
-    }
-    Outcome outcome = Outcome::Returned;
-    armAt = n;
-    w.call([&] {
-      if (c.onDispatcher) {
-        manager().publish(NamedEvent("Arm", w.next()), true);
-      } else {
-        failNthAllocation(pthread_self(), n);
-      }
-      try {
-        op.call(w);
-      } catch (const std::bad_alloc&) {
-        outcome = Outcome::BadAlloc;
-      } catch (...) {
-        outcome = Outcome::Other;
-      }
-      fired = disarmAllocationFailure();
-    });
-    EXPECT_NE(outcome, Outcome::Other);
-    EXPECT_TRUE(fired || outcome == Outcome::Returned) << "threw without a failing allocation";
-    op.verify(w, outcome == Outcome::BadAlloc);
-    if (op.role != kEnds) {
+    c.operation->run(w);
+    if (c.operation->role != kEnds) {
       EXPECT_EQ(w.subscriptions(), w.baseline) << "a subscription is left over, or one made before is gone";
       EXPECT_EQ(w.deliveredTo(w.sink, "Probe"), 1) << "the manager no longer delivers exactly once";
-      for (const int number : before) {
+      for (const int number : w.before) {
         EXPECT_EQ(w.sink.count(number), 1) << "an event published before the call";
       }
       EXPECT_TRUE(eventually([&] { return taskCount() == threads; })) << "a thread is left behind";
     }
     shutDownManager();  // Before the world goes: the manager holds its subscribers.
+    fired = w.fired;
   }
   EXPECT_EQ(liveContexts.load(), 0);
   return fired ? kFired : 0;
@@ -384,30 +379,18 @@ class AllocationFailure : public ::testing::TestWithParam<Case> {};
 
 // Every allocation of the operation, failing in turn, is thrown out or absorbed, loses nothing and stops nothing.
 TEST_P(AllocationFailure, ThrowsOrCompletes) {
-  static const bool registered = [] {
-    registry().registerFactory(&factories[0]);
-    registry().registerFactory(&factories[1]);
-    return true;
-  }();
-  (void)registered;
   const Case& c = GetParam();
   unsigned long survived = 0;
   int status = kFired;
   for (unsigned long n = 1; n <= kMostAllocations && status == kFired; ++n) {
     status = inChild([&] { return attempt(c, n); });
-    EXPECT_TRUE(status == 0 || status == kFired) << c.label() << ", allocation " << n << " failing: exit " << status;
+    EXPECT_TRUE(status == 0 || status == kFired) << c.label << ", allocation " << n << " failing: exit " << status;
     survived += status == kFired ? 1 : 0;
   }
   EXPECT_NE(status, kFired) << "not completed within " << kMostAllocations << " allocations";
-  std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label().c_str(), survived,
+  std::printf("[ figures  ] allocation failures survived: %s=%lu%s\n", c.label.c_str(), survived,
               status == 0 ? "" : " (stopped at a failure)");
 }
 
-// Names short enough for one ctest line: "subscribe_list_dispatcher".
 INSTANTIATE_TEST_SUITE_P(Each, AllocationFailure, ::testing::ValuesIn(cases()),
-                         [](const ::testing::TestParamInfo<Case>& param) {
-                           // Every label starts and ends with a letter.
-                           return std::regex_replace(
-                               std::regex_replace(param.param.label(), std::regex(" on the "), " "),
-                               std::regex("[^A-Za-z0-9]+"), "_");
-                         });
+                         [](const ::testing::TestParamInfo<Case>& param) { return param.param.label; });

@@ -31,67 +31,55 @@ void violation(const std::string& what, int producer, std::uint32_t sequence) {
   }
 }
 
-// What an event carries: its channel, who published it as which of theirs,
-// and the client that hands work to the main thread (-1: none).
-struct Stamp {
-  int channel;
-  int producer;
-  std::uint32_t sequence;
-  int handOffTo;
-};
-
-class StressEvent : public BaseEvent {
- public:
-  explicit StressEvent(const Stamp& s) : BaseEvent(Names{kNames[s.channel], kNames[kStress]}), stamp(s) {}
+// Carries its channel, who published it as which of theirs, and the client that hands work to the main thread
+// (-1: none).
+struct StressEvent : BaseEvent {
+  StressEvent(int c, int p, std::uint32_t s, int h)
+      : BaseEvent(Names{kNames[c], kNames[kStress]}), channel(c), producer(p), sequence(s), handOffTo(h) {}
   StressEvent* clone() const override { return new StressEvent(*this); }
   static const std::string& typeName() { return kNames[kStress]; }
-  const Stamp stamp;
+  const int channel, producer;
+  const std::uint32_t sequence;
+  const int handOffTo;
 };
 
-// Stamps the end of each event's delivery; each producer's events must
-// arrive once each, in order, without gaps.
+// Stamps the end of each event's delivery; each producer's events must arrive once each, in order, without gaps.
 struct Sentinel {
   std::vector<std::vector<std::uint64_t>> ends = std::vector<std::vector<std::uint64_t>>(kProducers);
   std::array<std::atomic<std::size_t>, kProducers> delivered{};
   void on(const StressEvent& event) {
-    std::vector<std::uint64_t>& mine = ends[event.stamp.producer];
-    if (event.stamp.sequence != mine.size()) {
-      violation("sentinel: repeated, out of order or after a gap", event.stamp.producer, event.stamp.sequence);
+    std::vector<std::uint64_t>& mine = ends[event.producer];
+    if (event.sequence != mine.size()) {
+      violation("sentinel: repeated, out of order or after a gap", event.producer, event.sequence);
     }
     mine.push_back(tick());
-    delivered[event.stamp.producer].store(mine.size());
+    delivered[event.producer].store(mine.size());
   }
 } sentinel;
 
 struct Interval {
-  std::uint64_t subscribeStart;
-  std::uint64_t subscribeDone;
-  std::uint64_t removeStart = kNever;
-  std::uint64_t removeDone = kNever;
+  std::uint64_t subscribeStart, subscribeDone, removeStart = kNever, removeDone = kNever;
 };
 
-// A subscriber changed by one thread only. Its counts are written on the
-// dispatcher thread, its intervals on the changing one; both are read after the run.
+// A subscriber changed by one thread only. Its counts are written on the dispatcher thread, its intervals on the
+// changing one; both are read after the run.
 struct Client {
   std::array<std::atomic<bool>, kStress + 1> reachable{};  // From before subscribe until removal returns.
   std::array<std::vector<Interval>, kStress + 1> intervals;
   std::vector<std::vector<std::uint8_t>> counts = std::vector<std::vector<std::uint8_t>>(kProducers);
-
-  bool subscribed(int name) const { return !intervals[name].empty() && intervals[name].back().removeDone == kNever; }
-  unsigned received(int p, std::uint32_t s) const { return s < counts[p].size() ? counts[p][s] : 0U; }
   void on(const StressEvent& event);
+  EventMgr::ClientPtr proxy() { return EventMgr::ClientPtr(new ClientAdapter<Client, StressEvent>(this, &Client::on)); }
 };
 std::vector<Client> clients(kClients + 2);
 
 void Client::on(const StressEvent& event) {
-  const Stamp& stamp = event.stamp;
-  if (!reachable[kStress].load() && !reachable[stamp.channel].load()) {
-    violation("a client got an event after its removal", stamp.producer, stamp.sequence);
+  if (!reachable[kStress].load() && !reachable[event.channel].load()) {
+    violation("a client got an event after its removal", event.producer, event.sequence);
   }
-  std::vector<std::uint8_t>& mine = counts[stamp.producer];
-  mine.resize(std::max<std::size_t>(mine.size(), stamp.sequence + 1));
-  ++mine[stamp.sequence];
-  if (stamp.handOffTo == this - clients.data()) {
+  std::vector<std::uint8_t>& mine = counts[event.producer];
+  mine.resize(std::max<std::size_t>(mine.size(), event.sequence + 1));
+  ++mine[event.sequence];
+  if (event.handOffTo == this - clients.data()) {
     ++handOffsAsked;
     ToDoAdapter::runOnceOnMainThreadImpl([] { ++handOffsRun; });
   }
@@ -103,7 +91,7 @@ std::vector<std::vector<std::pair<std::uint64_t, int>>> logs(kProducers);
 void publish(int producer, int channel, bool synchronous, int handOffTo) {
   const auto sequence = static_cast<std::uint32_t>(logs[producer].size());
   logs[producer].emplace_back(tick(), channel);
-  EventMgr::instance()->publish(StressEvent(Stamp{channel, producer, sequence, handOffTo}), synchronous);
+  EventMgr::instance()->publish(StressEvent(channel, producer, sequence, handOffTo), synchronous);
   if (synchronous && sentinel.delivered[producer].load() <= sequence) {
     violation("a synchronous publish returned before its delivery", producer, sequence);
   }
@@ -116,18 +104,18 @@ void change(Client& client, bool add, std::mt19937_64& random) {
   for (std::string& name : names) {
     const auto which = static_cast<int>(random() % kNames.size());
     name = kNames[which];
-    if (client.subscribed(which) != add && std::find(changed.begin(), changed.end(), which) == changed.end()) {
+    const bool subscribed = !client.intervals[which].empty() && client.intervals[which].back().removeDone == kNever;
+    if (subscribed != add && std::find(changed.begin(), changed.end(), which) == changed.end()) {
       changed.push_back(which);
       client.reachable[which].store(add || client.reachable[which].load());  // Set before a subscribe starts.
     }
   }
   EventMgr& manager = *EventMgr::instance();
-  const EventMgr::ClientPtr proxy(new ClientAdapter<Client, StressEvent>(&client, &Client::on));
   const std::uint64_t start = tick();
   if (names.size() == 1) {
-    add ? manager.subscribe(names[0], proxy) : manager.unSubscribe(names[0], proxy);
+    add ? manager.subscribe(names[0], client.proxy()) : manager.unSubscribe(names[0], client.proxy());
   } else {
-    add ? manager.subscribe(names, proxy) : manager.unSubscribe(names, proxy);
+    add ? manager.subscribe(names, client.proxy()) : manager.unSubscribe(names, client.proxy());
   }
   const std::uint64_t done = tick();
   for (const int name : changed) {
@@ -141,22 +129,8 @@ void change(Client& client, bool add, std::mt19937_64& random) {
   }
 }
 
-// Mostly publishes (one in six synchronously), otherwise changes one of the worker's two clients.
-void work(int id, const std::atomic<bool>& stop) {
-  std::mt19937_64 random(randomStart + 0x9E3779B97F4A7C15ULL * static_cast<std::uint64_t>(id + 1));
-  while (!stop.load()) {
-    const auto choice = static_cast<int>(random() % 100);
-    if (choice < 60) {
-      publish(id, static_cast<int>(random() % kStress), choice >= 50,
-              random() % 64 == 0 ? static_cast<int>(random() % kClients) : -1);
-    } else {
-      change(clients[2 * static_cast<std::size_t>(id) + random() % 2], choice < 80, random);
-    }
-  }
-}
-
-// Adds 1 to `must` when the client must receive the event through the name
-// whose intervals these are, or 1 to `may` when it may.
+// Adds 1 to `must` when the client must receive the event through the name whose intervals these are, or 1 to
+// `may` when it may.
 void classify(const std::vector<Interval>& intervals, std::uint64_t publishStart, std::uint64_t deliveryEnd,
               unsigned& must, unsigned& may) {
   auto it = std::lower_bound(intervals.begin(), intervals.end(), publishStart,
@@ -174,8 +148,8 @@ void classify(const std::vector<Interval>& intervals, std::uint64_t publishStart
 
 // The randomized run, in a child of its own.
 int randomizedRun() {
-  const char* const startText = std::getenv("VEXUTIL_STRESS_START");
-  const char* const secondsText = std::getenv("VEXUTIL_STRESS_SECONDS");
+  const char* const startText = std::getenv("VEXUTIL_STRESS_START");      // NOLINT(concurrency-mt-unsafe): one thread.
+  const char* const secondsText = std::getenv("VEXUTIL_STRESS_SECONDS");  // NOLINT(concurrency-mt-unsafe)
   randomStart =
       startText != nullptr && *startText != '\0' ? std::strtoull(startText, nullptr, 10) : std::random_device()();
   const double seconds = secondsText != nullptr && std::atof(secondsText) > 0 ? std::atof(secondsText) : 3.0;
@@ -188,16 +162,27 @@ int randomizedRun() {
   clients[kClients].reachable[kStress] = true;
   clients[kClients + 1].reachable[1] = true;
   const std::uint64_t before = tick();
-  manager.subscribe(kNames[kStress], &clients[kClients], &Client::on);
-  manager.subscribe(Names{kNames[1]}, Names{kNames[1]},
-                    EventMgr::ClientPtr(new ClientAdapter<Client, StressEvent>(&clients[kClients + 1], &Client::on)));
+  manager.subscribe(kNames[kStress], clients[kClients].proxy());
+  manager.subscribe(Names{kNames[1]}, Names{kNames[1]}, clients[kClients + 1].proxy());
   clients[kClients].intervals[kStress].push_back(Interval{before, tick()});
   clients[kClients + 1].intervals[1].push_back(Interval{before, tick()});
 
+  // Workers mostly publish (one in six synchronously), otherwise change one of their two clients.
   std::atomic<bool> stop{false};
-  std::vector<std::thread> workers;
+  std::vector<std::thread> workers(kWorkers);
   for (int id = 0; id < kWorkers; ++id) {
-    workers.emplace_back([id, &stop] { work(id, stop); });
+    workers[id] = std::thread([id, &stop] {
+      std::mt19937_64 random(randomStart + 0x9E3779B97F4A7C15ULL * static_cast<std::uint64_t>(id + 1));
+      while (!stop.load()) {
+        const auto choice = static_cast<int>(random() % 100);
+        if (choice < 60) {
+          publish(id, static_cast<int>(random() % kStress), choice >= 50,
+                  random() % 64 == 0 ? static_cast<int>(random() % kClients) : -1);
+        } else {
+          change(clients[2 * static_cast<std::size_t>(id) + random() % 2], choice < 80, random);
+        }
+      }
+    });
   }
   // The host's main loop: pump hand-offs, now and then publish synchronously.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -223,14 +208,14 @@ int randomizedRun() {
       return 1;
     }
     for (std::uint32_t sequence = 0; sequence < logs[id].size(); ++sequence) {
-      const std::uint64_t start = logs[id][sequence].first;
-      const int channel = logs[id][sequence].second;
+      const auto [start, channel] = logs[id][sequence];
       for (int c = 0; c < kClients + 2; ++c) {
         unsigned must = 0;
         unsigned may = 0;
         classify(clients[c].intervals[channel], start, sentinel.ends[id][sequence], must, may);
         classify(clients[c].intervals[kStress], start, sentinel.ends[id][sequence], must, may);
-        const unsigned received = clients[c].received(id, sequence);
+        const std::vector<std::uint8_t>& counts = clients[c].counts[id];
+        const unsigned received = sequence < counts.size() ? counts[sequence] : 0U;
         if (received < must || received > must + may) {
           violation("client " + std::to_string(c) + " got it " + std::to_string(received) + " times, must " +
                         std::to_string(must) + " and may " + std::to_string(may) + " more",
@@ -249,58 +234,47 @@ int randomizedRun() {
   return 0;
 }
 
-// A client that must not be called once its withdrawal has returned.
+// A client that must not be called once its withdrawal has returned; its handler yields, for a shutdown and a
+// withdrawal to meet in a longer delivery.
+std::atomic<long> lateCalls{0};
 struct Withdrawable {
   std::atomic<bool> withdrawn{false};
-  std::atomic<long>* lateCalls = nullptr;
   void on(const TestEvent& /*event*/) {  // NOLINT(readability-make-member-function-const): a handler is non-const.
-    std::this_thread::yield();           // A longer delivery, for a shutdown and a withdrawal to meet in.
-    if (withdrawn.load()) {
-      lateCalls->fetch_add(1);
-    }
+    std::this_thread::yield();
+    lateCalls += withdrawn.load() ? 1 : 0;
   }
 };
 
-// One worker of a shutdown round: until the manager has been shut down, make a subscription (single names on
-// even workers, combined on odd ones) through instance() or the pointer kept from the start, publish to it
-// asynchronously and synchronously, withdraw it and mark the client withdrawn.
-void useUntilShutdown(int id, std::atomic<long>& lateCalls, Counter& underWay) {
-  EventMgr* const kept = EventMgr::instance();
-  std::vector<std::unique_ptr<Withdrawable>> made;  // Kept until the round ends, to catch late calls.
-  for (int step = 0;; ++step) {
-    EventMgr* const manager = step % 2 == 0 ? EventMgr::instance() : kept;
-    made.push_back(std::make_unique<Withdrawable>());
-    Withdrawable* const client = made.back().get();
-    client->lateCalls = &lateCalls;
-    const EventMgr::ClientPtr proxy(new ClientAdapter<Withdrawable, TestEvent>(client, &Withdrawable::on));
-    if (id % 2 == 0) {
-      manager->subscribe("Round", proxy);
-      manager->publish(NamedEvent("Round", step), step % 3 == 0);
-      manager->unSubscribe("Round", proxy);
-    } else {
-      manager->subscribe(Names{"Round"}, Names{"Flush"}, proxy);
-      manager->publish(NamedEvent("Round", step), false);
-      manager->publish(NamedEvent("Flush", step), step % 3 == 0);
-      manager->unSubscribe(Names{"Round"}, Names{"Flush"}, proxy);
-    }
-    client->withdrawn = true;
-    if (step == 2) {
-      underWay.add();
-    }
-    if (step > 2 && dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) == nullptr) {
-      return;
-    }
-  }
-}
-
 // One shutdown round, in a child of its own: four workers use the manager while the main thread shuts it down.
+// Until the manager has been shut down, each worker makes a subscription (single names on even workers, combined on
+// odd ones) through instance() or the pointer kept from the start, publishes to it asynchronously and
+// synchronously, withdraws it and marks the client withdrawn.
 int shutdownRound() {
-  std::atomic<long> lateCalls{0};
   Counter underWay;
-  std::vector<std::thread> workers;
-  workers.reserve(4);
+  std::vector<std::thread> workers(4);
   for (int id = 0; id < 4; ++id) {
-    workers.emplace_back([id, &lateCalls, &underWay] { useUntilShutdown(id, lateCalls, underWay); });
+    workers[id] = std::thread([id, &underWay] {
+      EventMgr* const kept = EventMgr::instance();
+      std::vector<std::unique_ptr<Withdrawable>> made;  // Kept until the round ends, to catch late calls.
+      for (int step = 0; step <= 2 || dynamic_cast<DefaultEventMgr*>(EventMgr::instance()) != nullptr; ++step) {
+        EventMgr* const manager = step % 2 == 0 ? EventMgr::instance() : kept;
+        made.push_back(std::make_unique<Withdrawable>());
+        const EventMgr::ClientPtr proxy(
+            new ClientAdapter<Withdrawable, TestEvent>(made.back().get(), &Withdrawable::on));
+        if (id % 2 == 0) {
+          manager->subscribe("Round", proxy);
+          manager->publish(NamedEvent("Round", step), step % 3 == 0);
+          manager->unSubscribe("Round", proxy);
+        } else {
+          manager->subscribe(Names{"Round"}, Names{"Flush"}, proxy);
+          manager->publish(NamedEvent("Round", step), false);
+          manager->publish(NamedEvent("Flush", step), step % 3 == 0);
+          manager->unSubscribe(Names{"Round"}, Names{"Flush"}, proxy);
+        }
+        made.back()->withdrawn = true;
+        underWay.add(step == 2 ? 1 : 0);
+      }
+    });
   }
   EXPECT_TRUE(underWay.waitFor(4));
   shutDownManager();

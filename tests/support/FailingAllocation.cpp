@@ -11,17 +11,17 @@
 
 namespace {
 
-std::atomic<bool> armed{false};
 std::atomic<pthread_t> target{};
-std::atomic<unsigned long> remaining{0};
+std::atomic<unsigned long> remaining{0};  // Allocations of `target` until the failing one; 0: disarmed.
 std::atomic<bool> fired{false};
 
-// Null when this allocation is the one that must fail.
+// Null when this allocation is the one that must fail. Only `target` counts down; the exchange keeps a count
+// that another thread disarms meanwhile from coming back.
 void* allocate(std::size_t size, std::align_val_t alignment = std::align_val_t{0}) noexcept {
-  if (armed.load(std::memory_order_acquire) && pthread_equal(target.load(std::memory_order_relaxed), pthread_self()) &&
-      remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    armed.store(false, std::memory_order_release);
-    fired.store(true, std::memory_order_release);
+  unsigned long left = remaining.load();
+  if (left != 0 && pthread_equal(target.load(), pthread_self()) && remaining.compare_exchange_strong(left, left - 1) &&
+      left == 1) {
+    fired = true;
     return nullptr;
   }
   const auto align = static_cast<std::size_t>(alignment);
@@ -41,16 +41,15 @@ void* allocateOrThrow(std::size_t size, std::align_val_t alignment = std::align_
 }  // namespace
 
 void failNthAllocation(pthread_t thread, unsigned long n) {
-  armed.store(false, std::memory_order_release);
-  target.store(thread, std::memory_order_relaxed);
-  remaining.store(n, std::memory_order_relaxed);
-  fired.store(false, std::memory_order_relaxed);
-  armed.store(n != 0, std::memory_order_release);
+  remaining = 0;
+  target = thread;
+  fired = false;
+  remaining = n;
 }
 
 bool disarmAllocationFailure() {
-  armed.store(false, std::memory_order_release);
-  return fired.load(std::memory_order_acquire);
+  remaining = 0;
+  return fired;
 }
 
 // NOLINTBEGIN(misc-new-delete-overloads, cert-dcl54-cpp, hicpp-new-delete-operators)
