@@ -78,23 +78,16 @@ TEST(ToDoAdapter, ThrowingWorkPropagatesAndLeavesDispatcherBlockedAndIdle) {
   EXPECT_EQ(subscriber.count(), 1U);
 }
 
-// A record replaced by the dispatcher's own hand-off before anyone took it is never run, and the dispatcher's
-// runs once: a second pump while the first one runs it finds the slot empty. Forced order: a stale record is
-// stored, the dispatcher's replaces it, then a worker pumps and the work waits on a gate while the main thread
-// pumps.
+// A record replaced by the dispatcher's own hand-off before anyone took it is never run. A pending function
+// runs once: a second pump while the first one runs it finds the slot empty (a function without the
+// dispatcher's run-once ticket, so that only the slot can keep it from running twice). Forced order: a worker
+// takes the function, which waits on a gate while the main thread pumps.
 TEST(ToDoAdapter, ReplacedRecordNeverRunsAndATakenOneRunsOnce) {
   std::atomic<int> staleRuns{0};
-  std::atomic<int> runs{0};
-  Gate running;
-  Gate finish;
+  std::atomic<bool> freshRan{false};
   Recorder recorder;
-  recorder.setAction([&](const BaseEvent&) {
-    ToDoAdapter::runOnceOnMainThreadImpl([&] {
-      ++runs;
-      running.open();
-      EXPECT_TRUE(finish.wait());
-    });
-  });
+  recorder.setAction(
+      [&freshRan](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl([&freshRan] { freshRan = true; }); });
   EventMgr::instance()->subscribe("TestEvent", &recorder, &Recorder::onTest);
   struct Stale {
     std::atomic<int>* runs;
@@ -102,16 +95,27 @@ TEST(ToDoAdapter, ReplacedRecordNeverRunsAndATakenOneRunsOnce) {
   };
   store(Stale{&staleRuns});
   EventMgr::instance()->publish(TestEvent(), false);
+  // Nobody pumps until the dispatcher's record has replaced the stale one.
   EXPECT_TRUE(eventually([] {
     boost::recursive_mutex::scoped_lock lock(ToDoAdapter::toDoMutex_);
     return !ToDoAdapter::toDoFunc_.empty() && ToDoAdapter::toDoFunc_.target<Stale>() == nullptr;
   }));
+  pump().invokeOnceOnMainThread();
+  EXPECT_TRUE(recorder.waitFor(1));
+  EXPECT_TRUE(freshRan.load());
+  EXPECT_EQ(staleRuns.load(), 0);
+  std::atomic<int> runs{0};
+  Gate running;
+  Gate finish;
+  store([&] {
+    ++runs;
+    running.open();
+    EXPECT_TRUE(finish.wait());
+  });
   std::thread first([] { pump().invokeOnceOnMainThread(); });
   EXPECT_TRUE(running.wait());
   pump().invokeOnceOnMainThread();
   finish.open();
   first.join();
-  EXPECT_TRUE(recorder.waitFor(1));
   EXPECT_EQ(runs.load(), 1);
-  EXPECT_EQ(staleRuns.load(), 0);
 }
