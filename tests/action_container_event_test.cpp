@@ -28,7 +28,7 @@ TEST(ActionContainerEvent, ExecuteMarksDoneOnlyAfterSuccessAndCopiesShareComplet
   EXPECT_THROW(failing.execute(), int);
   EXPECT_FALSE(isDone(empty) || isDone(failing));
   std::unique_ptr<ActionContainerEvent> clone(empty.clone());
-  const ActionContainerEvent copy(empty);
+  const ActionContainerEvent copy(empty);  // NOLINT(performance-unnecessary-copy-initialization): a real copy.
   EXPECT_FALSE(isDone(*clone));
   copy.markDone();
   copy.markDone();
