@@ -19,30 +19,25 @@ const ToDoAdapter& pump() { return dynamic_cast<const ToDoAdapter&>(*EventMgr::i
 }  // namespace
 
 // Off the dispatcher, work runs at once on the calling thread, exceptions included; empty work creates nothing.
-TEST(ToDoAdapter, OffTheDispatcherTheCallerRunsTheWork) {
+// From the dispatcher, work runs on the thread waiting in a synchronous publish, or else on a pumping main loop.
+TEST(ToDoAdapter, WorkRunsOnTheCallerOrOnAWaitingOrPumpingThread) {
   ToDoAdapter::runOnceOnMainThreadImpl(boost::function0<void>());
   EXPECT_FALSE(isDefaultManagerCreated());
-  ThreadId ranOn;
-  ToDoAdapter::runOnceOnMainThreadImpl([&ranOn] { ranOn = ThreadId::self(); });
-  EXPECT_EQ(ranOn, ThreadId::self());
+  std::vector<ThreadId> ranOn;
+  const auto handOff = [&ranOn] {
+    ToDoAdapter::runOnceOnMainThreadImpl([&ranOn] { ranOn.push_back(ThreadId::self()); });
+  };
+  handOff();
   EXPECT_TRUE(isDefaultManagerCreated());
   ThreadId worker;
   std::thread([&] {
     worker = ThreadId::self();
-    ToDoAdapter::runOnceOnMainThreadImpl([&ranOn] { ranOn = ThreadId::self(); });
+    handOff();
   }).join();
-  EXPECT_EQ(ranOn, worker);
   EXPECT_THROW(ToDoAdapter::runOnceOnMainThreadImpl([] { throw std::logic_error("x"); }), std::logic_error);
   EXPECT_FALSE(handOffPending());
-}
-
-// From the dispatcher, work runs on the thread waiting in a synchronous publish, or else on a pumping main loop.
-TEST(ToDoAdapter, HandOffRunsOnAWaitingOrPumpingThread) {
-  std::vector<ThreadId> ranOn;
   Recorder subscriber;  // Hands work off from inside its delivery.
-  subscriber.setAction([&ranOn](const BaseEvent&) {
-    ToDoAdapter::runOnceOnMainThreadImpl([&ranOn] { ranOn.push_back(ThreadId::self()); });
-  });
+  subscriber.setAction([&handOff](const BaseEvent&) { handOff(); });
   EventMgr::instance()->subscribe("TestEvent", &subscriber, &Recorder::onTest);
   EventMgr::instance()->publish(TestEvent(), true);
   EventMgr::instance()->publish(TestEvent(), false);
@@ -50,27 +45,8 @@ TEST(ToDoAdapter, HandOffRunsOnAWaitingOrPumpingThread) {
     pump().invokeOnceOnMainThread();
     return subscriber.count() == 2;
   }));
-  EXPECT_EQ(ranOn, std::vector<ThreadId>(2, ThreadId::self()));
+  EXPECT_EQ(ranOn, (std::vector<ThreadId>{ThreadId::self(), worker, ThreadId::self(), ThreadId::self()}));
   EXPECT_NE(subscriber.deliveries().front().thread, ThreadId::self());
-}
-
-// A pending function runs once: a second pump while the first one runs it finds the slot empty.
-// Forced order: a worker takes the function, which waits on a gate while the main thread pumps.
-TEST(ToDoAdapter, ASecondPumpFindsTheTakenFunctionGone) {
-  std::atomic<int> runs{0};
-  Gate running;
-  Gate finish;
-  store([&] {
-    ++runs;
-    running.open();
-    EXPECT_TRUE(finish.wait());
-  });
-  std::thread first([] { pump().invokeOnceOnMainThread(); });
-  EXPECT_TRUE(running.wait());
-  pump().invokeOnceOnMainThread();
-  finish.open();
-  first.join();
-  EXPECT_EQ(runs.load(), 1);
 }
 
 // Work that throws on the pumping thread propagates there and leaves the dispatcher blocked until shutdown,
@@ -102,21 +78,23 @@ TEST(ToDoAdapter, ThrowingWorkPropagatesAndLeavesDispatcherBlockedAndIdle) {
   EXPECT_EQ(subscriber.count(), 1U);
 }
 
-// A pending record replaced by the dispatcher's own hand-off before anyone took it is never run.
-TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
-  EventMgr& manager = *EventMgr::instance();
+// A record replaced by the dispatcher's own hand-off before anyone took it is never run. A pending function
+// runs once: a second pump while the first one runs it finds the slot empty (a function without the
+// dispatcher's run-once ticket, so that only the slot can keep it from running twice). Forced order: a worker
+// takes the function, which waits on a gate while the main thread pumps.
+TEST(ToDoAdapter, ReplacedRecordNeverRunsAndATakenOneRunsOnce) {
   std::atomic<int> staleRuns{0};
   std::atomic<bool> freshRan{false};
   Recorder recorder;
   recorder.setAction(
       [&freshRan](const BaseEvent&) { ToDoAdapter::runOnceOnMainThreadImpl([&freshRan] { freshRan = true; }); });
-  manager.subscribe("TestEvent", &recorder, &Recorder::onTest);
+  EventMgr::instance()->subscribe("TestEvent", &recorder, &Recorder::onTest);
   struct Stale {
     std::atomic<int>* runs;
     void operator()() const { ++*runs; }
   };
   store(Stale{&staleRuns});
-  manager.publish(TestEvent(), false);
+  EventMgr::instance()->publish(TestEvent(), false);
   // Nobody pumps until the dispatcher's record has replaced the stale one.
   EXPECT_TRUE(eventually([] {
     boost::recursive_mutex::scoped_lock lock(ToDoAdapter::toDoMutex_);
@@ -126,4 +104,18 @@ TEST(ToDoAdapter, ReplacedRecordIsNeverRun) {
   EXPECT_TRUE(recorder.waitFor(1));
   EXPECT_TRUE(freshRan.load());
   EXPECT_EQ(staleRuns.load(), 0);
+  std::atomic<int> runs{0};
+  Gate running;
+  Gate finish;
+  store([&] {
+    ++runs;
+    running.open();
+    EXPECT_TRUE(finish.wait());
+  });
+  std::thread first([] { pump().invokeOnceOnMainThread(); });
+  EXPECT_TRUE(running.wait());
+  pump().invokeOnceOnMainThread();
+  finish.open();
+  first.join();
+  EXPECT_EQ(runs.load(), 1);
 }

@@ -108,13 +108,10 @@ class TestEvent : public BaseEvent {
   }
 
  protected:
-  TestEvent(Names derivedNames, int payload) : BaseEvent(withOwnName(std::move(derivedNames))), payload_(payload) {}
+  // The derived names, then this class's own.
+  TestEvent(Names names, int payload) : BaseEvent((names.push_back(typeName()), std::move(names))), payload_(payload) {}
 
  private:
-  static Names withOwnName(Names names) {
-    names.push_back(typeName());
-    return names;
-  }
   int payload_;
 };
 
