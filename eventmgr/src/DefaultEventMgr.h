@@ -49,7 +49,6 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include "ClientOrder.h"
 #include "DispatchQueue.h"
 #include "FailureReport.h"
 #include "Instance.h"

@@ -75,7 +75,6 @@ class DispatchQueue {
         visit(slots_[(head_ + i) & (capacity_ - 1)]);
       }
     }
-    std::size_t size() const noexcept { return count_; }
     // Destroys the entries (and so the events).
     void clear() noexcept {
       slots_.reset();
