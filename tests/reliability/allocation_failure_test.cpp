@@ -6,8 +6,8 @@
 // child with a manager of its own, which the parent never makes.
 #include <pthread.h>
 
+#include <cctype>
 #include <future>
-#include <regex>
 
 #include "FailingAllocation.h"
 #include "UnitTest.h"
@@ -328,13 +328,26 @@ const std::vector<Operation>& operations() {
   return all;
 }
 
+// The case's ctest word: each run of characters other than letters and digits becomes one '_'.
+std::string ctestWord(const std::string& words) {
+  std::string word;
+  for (const char c : words) {
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
+      word += c;
+    } else if (word.empty() || word.back() != '_') {
+      word += '_';
+    }
+  }
+  return word;
+}
+
 std::vector<Case> cases() {
   std::vector<Case> all;
   for (const Operation& operation : operations()) {
     for (const bool onDispatcher : {false, true}) {
       if (!onDispatcher || operation.dispatcherWork) {
         const std::string words = std::string(operation.name) + (onDispatcher ? " dispatcher" : " caller");
-        all.push_back({&operation, onDispatcher, std::regex_replace(words, std::regex("[^A-Za-z0-9]+"), "_")});
+        all.push_back({&operation, onDispatcher, ctestWord(words)});
       }
     }
   }
