@@ -16,8 +16,8 @@
 #             match, then run this).
 #   prove     show that the check catches the breaks it exists for: in a
 #             scratch copy of the tree, a virtual function added in the middle
-#             of EventMgr, then a data member added to InputRequestEvent; each
-#             must fail the check.
+#             of EventMgr and a data member added to InputRequestEvent, built
+#             together; the check must fail and report each of them.
 # Environment: ABI_BUILD_DIR (default build/abi) is the build directory;
 # CMAKE_CXX_COMPILER_LAUNCHER is honoured by CMake if set.
 set -euo pipefail
@@ -39,7 +39,7 @@ build() {
   local source="$1" build="$2"
   cmake -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g -DNDEBUG" -DVEXUTIL_BUILD_TESTS=OFF \
     -DVEXUTIL_BUILD_BENCHMARKS=OFF -DVEXUTIL_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build "$build" --target vexutil >/dev/null
+  cmake --build "$build" --target vexutil --parallel >/dev/null
   rm -rf "$build/headers-prefix"
   cmake --install "$build" --component development --prefix "$build/headers-prefix" >/dev/null
 }
@@ -118,31 +118,35 @@ case "${1:-}" in
       echo "abi.sh: found no place for the $1 break in ${breaks[$1]}; update 'prove' to the header's new shape" >&2
       exit 1
     }
+    # Both breaks go into one build; the check must fail and report each.
     for kind in virtual member; do
       header="$scratch/${breaks[$kind]}"
       cp "$header" "$header.orig"
       if [ "$kind" = virtual ]; then
-        # Before the second virtual member function of EventMgr: every slot
-        # after it moves.
         awk '/^class VEXUTIL_API EventMgr/ { inside = 1 }
              inside && /^  virtual [^~]/ && ++seen == 2 { print "  virtual void abiProbe() {}"; done = 1 }
              { print } END { exit !done }' "$header.orig" >"$header" || misplaced "$kind"
       else
-        # First in InputRequestEvent's private data: every member after it moves.
         awk '/^class VEXUTIL_API InputRequestEvent/ { inside = 1 }
              { print } inside && /^ private:/ && !done { print "  std::int32_t abiProbe_ = 0;"; done = 1 }
              END { exit !done }' "$header.orig" >"$header" || misplaced "$kind"
       fi
-      # A build directory of its own, so that each break is judged alone.
-      build "$scratch" "$scratch/build-$kind"
-      lib="$(library "$scratch/build-$kind")"
-      if compare "$scratch/build-$kind" "$lib" >"$scratch/abidiff-$kind.txt"; then
+      rm "$header.orig"
+    done
+    build "$scratch" "$scratch/build"
+    lib="$(library "$scratch/build")"
+    if compare "$scratch/build" "$lib" >"$scratch/abidiff.txt"; then
+      echo "abi.sh: the check missed both breaks" >&2
+      exit 1
+    fi
+    declare -A reported=([virtual]="EventMgr::abiProbe()" [member]="abiProbe_'")
+    for kind in virtual member; do
+      if ! grep -qF "${reported[$kind]}" "$scratch/abidiff.txt"; then
         echo "abi.sh: the check missed the break ($kind in ${breaks[$kind]})" >&2
         exit 1
       fi
       echo "abi.sh: the check caught the break ($kind in ${breaks[$kind]}):"
-      grep -E "abiProbe|offset" "$scratch/abidiff-$kind.txt" | head -n 3 | sed 's/^/    /' || true
-      mv "$header.orig" "$header"
+      grep -m 1 -F -A 2 "${reported[$kind]}" "$scratch/abidiff.txt" | sed 's/^/    /'
     done
     ;;
   *)
