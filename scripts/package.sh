@@ -25,7 +25,7 @@ build() {
   rm -rf "$dir"
   mkdir -p "$tree"
   (cd "$source_dir" && git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$tree")
-  (cd "$tree" && dpkg-buildpackage -us -uc -b >"$dir/build.log" 2>&1) || {
+  (cd "$tree" && dpkg-buildpackage -us -uc -b --jobs=auto >"$dir/build.log" 2>&1) || {
     tail -n 40 "$dir/build.log" >&2
     echo "package.sh: the package build in $dir failed (log: $dir/build.log)" >&2
     exit 1
