@@ -131,13 +131,16 @@ class NotifyTimer {
     }
   }
   Mode mode() const noexcept { return mode_; }
+  // kTicked: the tick at which the first notify() starts.
+  std::int64_t firstTick() const noexcept { return tick_; }
 
-  // kTicked: after each notify().
-  void tickedEnd(const ClientProxy& client, const BaseEvent& event) noexcept {
-    const std::int64_t tick = tickNs.load(std::memory_order_relaxed);
-    if (tick > tick_) {
-      finishNotify(client, event, tick_);
-      tick_ = tick;
+  // kTicked: after each notify(); `tick` is the one at which it started, and
+  // becomes the one at which the next starts.
+  static void tickedEnd(const ClientProxy& client, const BaseEvent& event, std::int64_t& tick) noexcept {
+    const std::int64_t now = tickNs.load(std::memory_order_relaxed);
+    if (now > tick) {
+      finishNotify(client, event, tick);
+      tick = now;
     }
   }
 

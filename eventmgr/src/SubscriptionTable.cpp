@@ -152,19 +152,31 @@ void SubscriptionTable::walk(const BaseEvent& event, NotifyOne notifyOne) noexce
   }
 }
 
+// Each walk is a function of its own, never inlined into deliver(): beside
+// the others, the plain walk was compiled less tightly, and an asynchronous
+// stream to 1000 subscribers took 10 % longer with the diagnostics idle than
+// without them.
+__attribute__((noinline)) void SubscriptionTable::deliverUntimed(const BaseEvent& event) noexcept {
+  walk(event, [this, &event](const ClientProxy& client, std::size_t position) { notify(client, event, position); });
+}
+
+__attribute__((noinline)) void SubscriptionTable::deliverTicked(const BaseEvent& event, std::int64_t tick) noexcept {
+  walk(event, [this, &event, &tick](const ClientProxy& client, std::size_t position) {
+    notify(client, event, position);
+    diagnostics::NotifyTimer::tickedEnd(client, event, tick);
+  });
+}
+
 void SubscriptionTable::deliver(const BaseEvent& event) noexcept {
   // diagnostics hook: notify start and end (tracepoints, slow-notify threshold),
   // decided once per event; while idle the walk is the plain one.
-  diagnostics::NotifyTimer timer;
+  const diagnostics::NotifyTimer timer;
   switch (timer.mode()) {
     case diagnostics::NotifyTimer::Mode::kIdle:
-      walk(event, [this, &event](const ClientProxy& client, std::size_t position) { notify(client, event, position); });
+      deliverUntimed(event);
       return;
     case diagnostics::NotifyTimer::Mode::kTicked:
-      walk(event, [this, &event, &timer](const ClientProxy& client, std::size_t position) {
-        notify(client, event, position);
-        timer.tickedEnd(client, event);
-      });
+      deliverTicked(event, timer.firstTick());
       return;
     case diagnostics::NotifyTimer::Mode::kTraced:
       walk(event, [this, &event](const ClientProxy& client, std::size_t position) {

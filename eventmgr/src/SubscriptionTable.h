@@ -95,6 +95,12 @@ class SubscriptionTable {
   // notifyOne(client, position) for each.
   template <typename NotifyOne>
   void walk(const BaseEvent& event, NotifyOne notifyOne) noexcept;
+  // deliver() while no slow-notify threshold is set and no tracer listens:
+  // the walk that times nothing.
+  void deliverUntimed(const BaseEvent& event) noexcept;
+  // deliver() while a slow-notify threshold is set: the first notify()
+  // starts at `tick`.
+  void deliverTicked(const BaseEvent& event, std::int64_t tick) noexcept;
   // Calls client.notify(event); a failure becomes the stored report.
   void notify(const ClientProxy& client, const BaseEvent& event, std::size_t position) noexcept;
   // Counts a subscription of `eventType` made (+1) or ended (-1).
