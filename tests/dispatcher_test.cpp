@@ -80,10 +80,14 @@ using vexutil::eventmgr::DispatchQueue;
 using vexutil::eventmgr::IdleSpin;
 
 DispatchQueue::Entry entry(int payload) { return DispatchQueue::Entry{std::make_unique<TestEvent>(payload), {}}; }
-int payloadOf(const DispatchQueue::Entry& taken) { return static_cast<const TestEvent*>(taken.get())->payload(); }
+int payloadOf(const DispatchQueue::Entry& taken) {  // -1 for an entry handed out empty.
+  const auto* const event = static_cast<const TestEvent*>(taken.get());
+  return event != nullptr ? event->payload() : -1;
+}
 
-// The queue keeps its order across growth and wrap-around of its storage, a push at the front overtakes
-// everything queued, and takeAll() hands over every entry in order, leaving an empty queue that still works.
+// The queue keeps its order across growth and wrap-around of its storage, pushes at the front (one or two in a
+// row) overtake everything queued, the entries the consumer took ahead of time included, and takeAll() hands
+// over every entry in order, those taken ahead included, leaving an empty queue that still works.
 TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
   DispatchQueue queue(IdleSpin::never());
   const std::atomic<bool> stopped{true};  // take() on an empty queue returns at once.
@@ -91,7 +95,7 @@ TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
   DispatchQueue::Entry taken;
   for (int next = 0; next < 900;) {
     for (int i = 0; i < 3; ++i, ++next) {  // Three in, two out: the storage wraps and grows.
-      const bool atBack = next % 7 != 0;
+      const bool atBack = next % 7 > 1;
       queue.push(entry(next), atBack);
       atBack ? expected.push_back(next) : expected.push_front(next);
     }
@@ -101,6 +105,8 @@ TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
       expected.pop_front();
     }
   }
+  queue.push(entry(-2), false);
+  expected.push_front(-2);
   EXPECT_EQ(queue.size(), expected.size());
   DispatchQueue::Drained drained;
   queue.takeAll(drained);
@@ -116,7 +122,9 @@ TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
 // The queue hands every entry over once, each pusher's in its order, whether its consumer spins between
 // entries or blocks: entries that each find it idle (the next is pushed once the last was taken), a
 // burst from two threads at once, then quick round trips, which start the adaptive spin again after
-// the idle entries stopped it.
+// the idle entries stopped it; last, a burst that takeAll() takes over while the consumer holds the part of it
+// that it took ahead. Forced order: the burst is queued while the consumer is held after the last round trip;
+// it takes the burst's first entry and more ahead, and is held again while takeAll() runs.
 TEST(DispatchQueue, HandsOverEveryEntryOnceInOrderWhetherItSpinsOrBlocks) {
   constexpr int kEvents = 2000;  // Per origin: one at a time, two bursts, then round trips.
   for (const IdleSpin spin : {IdleSpin::never(), IdleSpin::adaptive()}) {
@@ -125,12 +133,16 @@ TEST(DispatchQueue, HandsOverEveryEntryOnceInOrderWhetherItSpinsOrBlocks) {
     std::atomic<bool> stop{false};
     std::vector<int> payloads;  // Written by the consumer until `taken` counts all.
     Counter taken;
+    Gate burstQueued;
+    Gate takenOver;
     std::thread consumer([&] {
       DispatchQueue::Entry next;
       while (!stop.load()) {
         if (queue.take(next, &stop)) {
           payloads.push_back(payloadOf(next));
           taken.add();
+          const bool holds = payloads.back() == 3 * kEvents + 39 || payloads.back() == 4 * kEvents;
+          ASSERT_TRUE(!holds || (payloads.back() == 4 * kEvents ? takenOver : burstQueued).wait());
         }
       }
     });
@@ -154,14 +166,25 @@ TEST(DispatchQueue, HandsOverEveryEntryOnceInOrderWhetherItSpinsOrBlocks) {
       queue.push(entry(3 * kEvents + i), i % 2 == 0);  // Front or back: the queue is empty each time.
       ASSERT_TRUE(taken.waitFor(2 * kEvents + 41 + static_cast<std::size_t>(i)));
     }
+    for (int i = 0; i < kEvents; ++i) {
+      queue.push(entry(4 * kEvents + i), true);
+    }
+    burstQueued.open();
+    ASSERT_TRUE(taken.waitFor(2 * kEvents + 81));
+    DispatchQueue::Drained drained;
+    queue.takeAll(drained);
+    takenOver.open();
+    queue.push(entry(5 * kEvents), true);  // The next entry the consumer hands out is this one.
+    ASSERT_TRUE(taken.waitFor(2 * kEvents + 82));
     stop = true;
     queue.wake();
     consumer.join();
-    std::vector<int> next{0, kEvents, 2 * kEvents, 3 * kEvents};
+    drained.forEach([&payloads](const DispatchQueue::Entry& each) { payloads.push_back(payloadOf(each)); });
+    std::vector<int> next{0, kEvents, 2 * kEvents, 3 * kEvents, 4 * kEvents, 5 * kEvents};
     for (const int payload : payloads) {
       ASSERT_EQ(payload, next.at(static_cast<std::size_t>(payload / kEvents))++) << "lost, repeated or out of order";
     }
-    EXPECT_EQ(next, (std::vector<int>{40, 2 * kEvents, 3 * kEvents, 3 * kEvents + 40}));
+    EXPECT_EQ(next, (std::vector<int>{40, 2 * kEvents, 3 * kEvents, 3 * kEvents + 40, 5 * kEvents, 5 * kEvents + 1}));
   }
 }
 

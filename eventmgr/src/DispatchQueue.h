@@ -10,13 +10,23 @@
 // synchronous round trips costs no sleep and wake-up per event, while a
 // paced stream soon stops the spin.
 //
+// A consumer that finds entries waiting takes up to kTakeAhead of them at
+// one visit of the mutex and hands them out one by one, so that a backlog
+// costs the publishers and the consumer one meeting on the mutex per batch
+// instead of per entry. Entries taken ahead are still queued: size() and
+// takeAll() count them, and a push at the front overtakes them as it
+// overtakes everything else.
+//
 // Thread safety
 //   push(), wake(), size() and takeAll() may be called from any thread.
-//   take() is called by one consumer thread at a time; its spin state is
-//   the consumer's own. No subscriber code runs in here.
+//   take() is called by one consumer thread at a time; its spin state and
+//   the entries it took ahead are the consumer's own, except that
+//   takeAll() claims the entries not yet handed out through one atomic
+//   index. No subscriber code runs in here.
 #ifndef VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
 #define VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -52,6 +62,8 @@ class IdleSpin {
 class DispatchQueue {
   // The unit of cache coherence on the machines this runs on.
   static constexpr std::size_t kCacheLine = 64;
+  // The most entries a consumer takes at one visit of the mutex.
+  static constexpr std::size_t kTakeAhead = 32;
 
  public:
   // A queued event. The copy made by an asynchronous publish belongs to the
@@ -66,19 +78,33 @@ class DispatchQueue {
     const BaseEvent* get() const noexcept { return owned ? owned.get() : shared.get(); }
   };
 
-  // Everything that was queued, taken at once by takeAll(), in queue order.
+  // Everything that was queued, taken at once by takeAll(), in queue order:
+  // the entries pushed at the front since the consumer took some ahead,
+  // those it took ahead, then the rest.
   class Drained {
    public:
     template <typename Visit>
     void forEach(Visit visit) const {
       for (std::size_t i = 0; i < count_; ++i) {
+        if (i == front_) {
+          for (std::size_t j = 0; j < aheadCount_; ++j) {
+            visit(ahead_[j]);
+          }
+        }
         visit(slots_[(head_ + i) & (capacity_ - 1)]);
+      }
+      for (std::size_t j = 0; j < aheadCount_ && front_ >= count_; ++j) {
+        visit(ahead_[j]);
       }
     }
     // Destroys the entries (and so the events).
     void clear() noexcept {
       slots_.reset();
-      capacity_ = head_ = count_ = 0;
+      capacity_ = head_ = count_ = front_ = 0;
+      for (std::size_t j = 0; j < aheadCount_; ++j) {
+        ahead_[j] = Entry();
+      }
+      aheadCount_ = 0;
     }
 
    private:
@@ -87,6 +113,9 @@ class DispatchQueue {
     std::size_t capacity_ = 0;
     std::size_t head_ = 0;
     std::size_t count_ = 0;
+    std::size_t front_ = 0;  // Ring entries that go before those taken ahead.
+    std::array<Entry, kTakeAhead> ahead_;
+    std::size_t aheadCount_ = 0;
   };
 
   // The longest wait of take() on an empty queue.
@@ -104,14 +133,16 @@ class DispatchQueue {
   // Consumer thread. Moves the front entry into `entry` and returns true; or,
   // with the queue empty, waits for a push, a wake() or kIdleWait and
   // returns false (an entry pushed meanwhile is taken by the next call).
-  // Does not wait while `stop`, if given, is set.
+  // Does not wait while `stop`, if given, is set. Never throws.
   bool take(Entry& entry, const std::atomic<bool>* stop);
   // Wakes a consumer that waits in take(). Passing through the mutex
   // orders whatever the caller set before (a stop request) before the
   // consumer's next look at the queue, so the wake-up cannot be missed.
   void wake();
-  // Moves every queued entry into `into`, which must be empty: the storage
-  // changes hands, so nothing is allocated. Never throws.
+  // Moves every queued entry into `into`, which must be empty, the entries
+  // the consumer took ahead included: the storage changes hands, so nothing
+  // is allocated. An entry that the consumer is handing out at that moment
+  // is its own, as if it had been taken just before. Never throws.
   void takeAll(Drained& into) noexcept;
   // The number of queued entries.
   std::size_t size() const;
@@ -123,6 +154,13 @@ class DispatchQueue {
   // giving way, until a push is hinted at, `stop` is set or the spin window
   // has passed. True when a push was hinted at.
   bool spinForPush(const std::atomic<bool>* stop) const;
+  // Consumer thread: hands out the next entry taken ahead, unless there is
+  // none, takeAll() claimed it, or a push at the front must overtake it.
+  bool takeFromAhead(Entry& entry) noexcept;
+  // Consumer thread, holding mutex_ through `held`: moves the entry at the
+  // ring's front into `entry`, and up to kTakeAhead of those behind it into
+  // taken_.
+  void takeFromRing(const MutexLock& held, Entry& entry) VEXUTIL_REQUIRES(mutex_);
   // Consumer thread: counts an idle period that a spin would (true) or
   // would not (false) have bridged.
   void judgeIdlePeriod(bool bridged) noexcept;
@@ -141,12 +179,14 @@ class DispatchQueue {
   // when a push finds it full and never shrinks, so a steady stream pushes
   // and takes without allocating.
   //
-  // Publishers and the consumer meet on mutex_ once per entry; the rest is
+  // Each publisher meets the others and the consumer on mutex_ once per
+  // entry, the consumer once per entry or per batch taken ahead; the rest is
   // laid out so that, in the steady state, every other cache line is written
   // by one side only: the mutex, with the count and the storage it guards
   // (the storage fields change only when the ring grows); the condition;
-  // the consumer's state with the front index; the back index with the
-  // publishers' hint.
+  // the count of pushes at the front; the consumer's state with the front
+  // index and the entries taken ahead; the back index with the publishers'
+  // hint.
   alignas(kCacheLine) mutable Mutex mutex_;
   std::size_t size_ VEXUTIL_GUARDED_BY(mutex_) = 0;
   std::uint64_t pushCount_ VEXUTIL_GUARDED_BY(mutex_) = 0;  // Entries ever pushed.
@@ -156,9 +196,17 @@ class DispatchQueue {
   Clock::time_point wakeRequested_ VEXUTIL_GUARDED_BY(mutex_);
   std::unique_ptr<Entry[]> slots_ VEXUTIL_GUARDED_BY(mutex_);
   std::size_t capacity_ VEXUTIL_GUARDED_BY(mutex_) = 0;  // Zero or a power of two.
+  // How many entries at the ring's front were pushed there while the
+  // consumer held entries taken ahead: they go before those.
+  std::size_t frontWaiting_ VEXUTIL_GUARDED_BY(mutex_) = 0;
 
   // Notified after every push.
   alignas(kCacheLine) std::condition_variable condition_;
+
+  // Counts the pushes at the front; changed under mutex_. A consumer that
+  // sees it change stops handing out entries taken ahead and visits the
+  // mutex. On a line of its own, which only those rare pushes write.
+  alignas(kCacheLine) std::atomic<std::uint64_t> frontPushes_{0};
 
   // Consumer thread only: the pushCount_ up to which it has seen the queue,
   // whether entries were left behind the last one taken, whether it was woken
@@ -170,6 +218,19 @@ class DispatchQueue {
   // The slot of the front entry; written by take() and, rarely, by a push at
   // the front.
   std::size_t head_ VEXUTIL_GUARDED_BY(mutex_) = 0;
+  // The entries taken ahead: taken_[takenNext_, takenEnd_) are still queued.
+  // The consumer fills taken_ and sets takenEnd_ under mutex_ and reads
+  // them freely; it advances takenNext_ by compare-and-swap, and takeAll()
+  // claims what is left by exchanging it for takenEnd_, under mutex_.
+  std::array<Entry, kTakeAhead> taken_;
+  std::size_t takenEnd_ = 0;
+  std::atomic<std::size_t> takenNext_{0};
+  // Consumer thread only: the frontPushes_ it has seen, whether entries
+  // pushed at the front still wait for it, and how many entries the ring
+  // held when it last took from it.
+  std::uint64_t frontPushesSeen_ = 0;
+  bool frontStillWaiting_ = false;
+  std::size_t ringLeftAtTake_ = 0;
 
   // The slot after the back entry; written by pushes at the back.
   alignas(kCacheLine) std::size_t tail_ VEXUTIL_GUARDED_BY(mutex_) = 0;
