@@ -76,7 +76,7 @@ void DispatchQueue::push(Entry entry, bool atBack) {
       head_ = (head_ - 1) & (capacity_ - 1);
       slots_[head_] = std::move(entry);
       ++frontWaiting_;
-      frontPushes_.store(frontPushes_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+      frontPushes_.store(++frontPushCount_, std::memory_order_release);
     }
     ++size_;
     count = ++pushCount_;
@@ -188,6 +188,7 @@ void DispatchQueue::takeFromRing(const MutexLock& /*held*/, Entry& entry) {
   }
   takenEnd_ = ahead;
   takenNext_.store(0, std::memory_order_release);
+  frontPushesSeen_ = frontPushCount_;
   ringLeftAtTake_ = size_;
   backlogged_ = ahead != 0;
 }
@@ -200,7 +201,7 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
     // A push at the front came after some entries were taken ahead; the
     // entries pushed there since go first, and those taken ahead follow.
     MutexLock held(mutex_, kLockTries);
-    frontPushesSeen_ = frontPushes_.load(std::memory_order_relaxed);
+    frontPushesSeen_ = frontPushCount_;
     if (frontWaiting_ != 0) {
       entry = std::move(slots_[head_]);
       head_ = (head_ + 1) & (capacity_ - 1);
@@ -234,7 +235,6 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
   MutexLock held(mutex_, kLockTries);
   seenCount_ = pushCount_;
   // With nothing taken ahead, the ring's order is the queue's.
-  frontPushesSeen_ = frontPushes_.load(std::memory_order_relaxed);
   frontWaiting_ = 0;
   frontStillWaiting_ = false;
   if (size_ == 0) {

@@ -199,13 +199,15 @@ class DispatchQueue {
   // How many entries at the ring's front were pushed there while the
   // consumer held entries taken ahead: they go before those.
   std::size_t frontWaiting_ VEXUTIL_GUARDED_BY(mutex_) = 0;
+  std::uint64_t frontPushCount_ VEXUTIL_GUARDED_BY(mutex_) = 0;  // Pushes at the front ever.
 
   // Notified after every push.
   alignas(kCacheLine) std::condition_variable condition_;
 
-  // Counts the pushes at the front; changed under mutex_. A consumer that
-  // sees it change stops handing out entries taken ahead and visits the
-  // mutex. On a line of its own, which only those rare pushes write.
+  // frontPushCount_, stored under mutex_ by each push at the front. A
+  // consumer that sees it change stops handing out entries taken ahead and
+  // visits the mutex. On a line of its own, which only those rare pushes
+  // write and only a consumer holding entries taken ahead reads.
   alignas(kCacheLine) std::atomic<std::uint64_t> frontPushes_{0};
 
   // Consumer thread only: the pushCount_ up to which it has seen the queue,
