@@ -32,9 +32,8 @@ struct NamedFactory : ContextFactoryBase {
     delete context;
   }
   ContextBase* clone(const ContextBase* context) override {
-    const auto* const original = dynamic_cast<const NamedContext*>(context);
-    EXPECT_NE(original, nullptr) << "a factory was handed a null context";
-    return new NamedContext((original != nullptr ? original->name : "null") + "'");
+    EXPECT_NE(context, nullptr) << "a factory was handed a null context";
+    return new NamedContext(dynamic_cast<const NamedContext&>(*context).name + "'");
   }
   const std::string name;
   int made = 0;
