@@ -104,14 +104,11 @@ TEST(BaseEvent, DescriptionAndTypeListEndWithBaseEventAndSurviveAssignment) {
   EXPECT_EQ(describe(ActionContainerEvent(boost::function0<void>())),
             "VERSION 0\nTYPESLENGTH 2\nTYPES ActionContainerEvent::BaseEvent::\n");
   EXPECT_EQ(describe(NamedEvent("Edit", 1)), "VERSION 0\nTYPESLENGTH 3\nTYPES Edit::TestEvent::BaseEvent::\n");
-  struct Explicit : BaseEvent {
-    Explicit() : BaseEvent({"Explicit", "BaseEvent"}) {}
+  struct Listed : BaseEvent {
+    explicit Listed(Names names) : BaseEvent(std::move(names)) {}
   };
-  struct Empty : BaseEvent {
-    Empty() : BaseEvent(Names{}) {}
-  };
-  EXPECT_EQ(Explicit().getTypes(), (Names{"Explicit", "BaseEvent"}));
-  EXPECT_EQ(Empty().getTypes(), Names{"BaseEvent"});
+  EXPECT_EQ(Listed({"Explicit", "BaseEvent"}).getTypes(), (Names{"Explicit", "BaseEvent"}));
+  EXPECT_EQ(Listed({}).getTypes(), Names{"BaseEvent"});
   NamedEvent derived("Edit", 1);
   static_cast<BaseEvent&>(derived) = BaseEvent();
   EXPECT_EQ(derived.getTypes(), (Names{"Edit", "TestEvent", "BaseEvent"}));
@@ -279,30 +276,18 @@ TEST(SubscriptionHandle, ResetFromAnotherThreadWaitsForTheRunningHandler) {
   EXPECT_FALSE(returnedEarly.load());
 }
 
-// A hand-written event class whose middle class forgets clone(), and one
-// whose copy constructor loses the derived name: no subscribe template sees
-// them, so publish catches them in builds with assertions.
-class MiddleEvent : public BaseEvent {
+// Hand-written classes below NamedEvent, a hand-written class with clone(): one forgets clone(), one's copy
+// constructor loses its name. No subscribe template sees them, so publish catches them in builds with assertions.
+class LeafWithoutClone : public NamedEvent {
  public:
-  explicit MiddleEvent(Names names = {}) : BaseEvent(withName(std::move(names))) {}
-  MiddleEvent* clone() const override { return new MiddleEvent(*this); }
-
- private:
-  static Names withName(Names names) {
-    names.push_back("MiddleEvent");
-    return names;
-  }
+  LeafWithoutClone() : NamedEvent(Names{"LeafWithoutClone"}, 0) {}
 };
-class LeafWithoutClone : public MiddleEvent {
+class LeafLosingItsName : public NamedEvent {
  public:
-  LeafWithoutClone() : MiddleEvent(Names{"LeafWithoutClone"}) {}
-};
-class LeafLosingItsName : public MiddleEvent {
- public:
-  LeafLosingItsName() : MiddleEvent(Names{"LeafLosingItsName"}) {}
-  // The mistake under test: the copy names only the middle class.
-  // NOLINTNEXTLINE(bugprone-copy-constructor-init,readability-redundant-member-init)
-  LeafLosingItsName(const LeafLosingItsName& /*other*/) : MiddleEvent() {}
+  LeafLosingItsName() : NamedEvent(Names{"LeafLosingItsName"}, 0) {}
+  // The mistake under test: the copy names only the classes above it.
+  // NOLINTNEXTLINE(bugprone-copy-constructor-init)
+  LeafLosingItsName(const LeafLosingItsName& /*other*/) : NamedEvent(Names{}, 0) {}
   LeafLosingItsName* clone() const override { return new LeafLosingItsName(*this); }
 };
 // A hand-written class below a helper class, without clone().
@@ -319,9 +304,9 @@ TEST(PublishCheckDeathTest, AnUnfaithfulCopyAbortsWithAClearMessage) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(publish(LeafWithoutClone()),
                "clone\\(\\) of an event of class .*LeafWithoutClone returned an object "
-               "of class .*MiddleEvent.*does not override clone");
+               "of class .*NamedEvent.*does not override clone");
   EXPECT_DEATH(publish(LeafLosingItsName()),
-               "has the type names MiddleEvent::BaseEvent:: instead of LeafLosingItsName::MiddleEvent::BaseEvent::");
+               "has the type names TestEvent::BaseEvent:: instead of LeafLosingItsName::TestEvent::BaseEvent::");
   EXPECT_DEATH(publish(HandWrittenBelowHelper()), "does not override clone\\(\\)");
 #endif
 }
