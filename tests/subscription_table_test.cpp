@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The subscription table on its own, driven from the test thread as the
 // dispatcher thread drives it.
-#include <algorithm>
-#include <stdexcept>
-
 #include "FailureReport.h"
 #include "SubscriptionTable.h"
 #include "UnitTest.h"
-
-using vexutil::eventmgr::ClientOrder;
-using vexutil::eventmgr::FailureReport;
-using vexutil::eventmgr::SubscriptionTable;
 
 namespace {
 
@@ -29,8 +22,7 @@ struct Fixture {
   // The recorders' indices in client order.
   std::vector<int> inClientOrder() const {
     std::vector<int> order{0, 1, 2};
-    std::sort(order.begin(), order.end(),
-              [this](int a, int b) { return ClientOrder::compare(*clients[a], *clients[b]) < 0; });
+    std::sort(order.begin(), order.end(), [this](int a, int b) { return ClientOrder()(clients[a], clients[b]); });
     return order;
   }
 };

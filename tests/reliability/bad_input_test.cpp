@@ -43,8 +43,6 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   manager.unSubscribe("TestEvent", static_cast<Recorder*>(nullptr), &Recorder::onTest);
   manager.subscribe(Names{}, client);
   manager.subscribe(Names{"C", "D"}, EventMgr::ClientPtr());
-  manager.unSubscribe(Names{"A", "B"}, EventMgr::ClientPtr());
-  manager.unSubscribe(Names{}, client);
   manager.subscribe(Names{"A"}, Names{"B"}, EventMgr::ClientPtr());
   manager.unSubscribe(Names{"A"}, Names{"B"}, EventMgr::ClientPtr());
   manager.unSubscribe(Names{"A"}, Names{"B"}, client);  // There is no such combined subscription.
@@ -55,9 +53,7 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   EXPECT_EQ(manager.getPendingEventCount(), 5U);
   // Removing what was never subscribed waits, jumps the queue and leaves it alone.
   std::thread remover([&] { manager.unSubscribe(Names{"", "Unknown", "A", "B"}, clientFor(odd)); });
-  while (manager.getPendingEventCount() < 6) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(eventually([&] { return manager.getPendingEventCount() == 6; }));
   hold.reset();
   remover.join();
   drainQueue();
@@ -70,7 +66,6 @@ TEST(ReliabilityBadInput, OddListsSubscribersAndClonesLoseNothingQueued) {
   manager.unSubscribe(Names{"A"}, Names{"B"}, clientFor(odd));
   manager.unSubscribe(Names{"Other", "A"}, EventMgr::ClientPtr(new Adapter(nullptr, nullptr)));
   manager.unSubscribe(Names{"", "Unknown", "A"}, client);
-  manager.unSubscribe("Never", &recorder, &Recorder::onTest);
   EXPECT_EQ(manager.getMailerCount(), 0U);
   EXPECT_EQ(manager.getSubscriptionCount(), 1U);  // "B": "" was never subscribed.
   manager.publish(NamedEvent(Names{"A"}, 6), true);
