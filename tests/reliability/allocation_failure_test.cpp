@@ -6,7 +6,6 @@
 // child with a manager of its own, which the parent never makes.
 #include <pthread.h>
 
-#include <cctype>
 #include <future>
 
 #include "FailingAllocation.h"
@@ -71,8 +70,8 @@ EventMgr& manager() { return *EventMgr::instance(); }
 enum Role { kUses, kMakes, kEnds };  // What the operation does to the manager.
 
 struct World;
-// One operation: what it needs first, the call itself (through World::failing), and the check of its outcome,
-// which also undoes it.
+// One operation, named as its cases are in ctest: what it needs first, the call itself (through World::failing), and
+// the check of its outcome, which also undoes it.
 struct Operation {
   const char* name;
   bool dispatcherWork;  // Also injected on the dispatcher thread.
@@ -251,26 +250,26 @@ Operation onContexts(const char* name, bool save, void (*step)(ContextRegistry::
 
 const std::vector<Operation>& operations() {
   static const std::vector<Operation> all{
-      publishing("publish(async)", false),
-      publishing("publish(sync)", true),
-      {"subscribe(name)", true, kUses, [](World& w) { expectSubscription(w, false, !changeTarget(w, subscribeName)); }},
-      {"subscribe(list)", true, kUses, [](World& w) { expectList(w, true, !changeTarget(w, subscribeList)); }},
-      {"subscribe(combined)", true, kUses,
+      publishing("publish_async", false),
+      publishing("publish_sync", true),
+      {"subscribe_name", true, kUses, [](World& w) { expectSubscription(w, false, !changeTarget(w, subscribeName)); }},
+      {"subscribe_list", true, kUses, [](World& w) { expectList(w, true, !changeTarget(w, subscribeList)); }},
+      {"subscribe_combined", true, kUses,
        [](World& w) { expectSubscription(w, true, !changeTarget(w, subscribeCombined)); }},
       // Exactly one combined subscription, whatever the second call did.
-      {"subscribe(combined, again)", true, kUses,
+      {"subscribe_combined_again", true, kUses,
        [](World& w) {
          changeTarget(w, subscribeCombined, subscribeCombined);
          expectSubscription(w, true, true);
        }},
-      {"unSubscribe(name)", true, kUses,
+      {"unSubscribe_name", true, kUses,
        [](World& w) { expectSubscription(w, false, changeTarget(w, unSubscribeName, subscribeName)); }},
-      {"unSubscribe(list)", true, kUses,
+      {"unSubscribe_list", true, kUses,
        [](World& w) { expectList(w, false, !changeTarget(w, unSubscribeList, subscribeList)); }},
-      {"unSubscribe(combined)", true, kUses,
+      {"unSubscribe_combined", true, kUses,
        [](World& w) { expectSubscription(w, true, changeTarget(w, unSubscribeCombined, subscribeCombined)); }},
       // After a failure, the next call tries again.
-      {"instance() making the manager", false, kMakes,
+      {"instance_making_the_manager", false, kMakes,
        [](World& w) {
          w.failing([] { EventMgr::instance(); });
          bool working = false;
@@ -286,7 +285,7 @@ const std::vector<Operation>& operations() {
          EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
          EXPECT_TRUE(eventually([&] { return taskCount() == threadsBefore - 1; })) << "the dispatcher is left";
        }},
-      {"registerFactory, 12 in a row", false, kUses,
+      {"registerFactory_12_in_a_row", false, kUses,
        [](World& w) {
          const std::size_t before = registry().getFactoryCount();
          std::size_t added = 0;
@@ -298,12 +297,12 @@ const std::vector<Operation>& operations() {
          EXPECT_EQ(registry().getFactoryCount(), before + added);
          EXPECT_EQ(added < 12, threw);
        }},
-      {"ContextRegistry::create", false, kUses,
+      {"ContextRegistry_create", false, kUses,
        [](World& w) {
          const bool threw = w.failing([&] { registry().create(w.set); });
          expectContexts(w, w.set.size(), threw);
        }},
-      {"ContextRegistry::destroy", false, kUses,
+      {"ContextRegistry_destroy", false, kUses,
        [](World& w) {
          registry().create(w.set);
          const bool threw = w.failing([&] { registry().destroy(w.set); });
@@ -311,34 +310,21 @@ const std::vector<Operation>& operations() {
          expectContexts(w, registry().getFactoryCount(), false);
        }},
       onContexts(
-          "ContextRegistry::save", false, [](auto& set) { registry().save(set); }, &Context::saved),
+          "ContextRegistry_save", false, [](auto& set) { registry().save(set); }, &Context::saved),
       onContexts(
-          "ContextRegistry::restore", true, [](auto& set) { registry().restore(set); }, &Context::restored),
-      {"ContextRegistry::clone", false, kUses,
+          "ContextRegistry_restore", true, [](auto& set) { registry().restore(set); }, &Context::restored),
+      {"ContextRegistry_clone", false, kUses,
        [](World& w) {
          registry().create(w.set);
          const bool threw = w.failing([&] { registry().clone(w.copies, w.set); });
          expectContexts(w, w.copies.size(), threw);
        }},
-      makingEvent("InputRequestEvent(values)",
+      makingEvent("InputRequestEvent_values",
                   [](const InputRequestEvent&) { return new InputRequestEvent(1, 2, 3, true); }),
-      makingEvent("InputRequestEvent(copy)", [](const InputRequestEvent& e) { return new InputRequestEvent(e); }),
-      makingEvent("InputRequestEvent::clone", [](const InputRequestEvent& e) { return e.clone(); }),
+      makingEvent("InputRequestEvent_copy", [](const InputRequestEvent& e) { return new InputRequestEvent(e); }),
+      makingEvent("InputRequestEvent_clone", [](const InputRequestEvent& e) { return e.clone(); }),
   };
   return all;
-}
-
-// The case's ctest word: each run of characters other than letters and digits becomes one '_'.
-std::string ctestWord(const std::string& words) {
-  std::string word;
-  for (const char c : words) {
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
-      word += c;
-    } else if (word.empty() || word.back() != '_') {
-      word += '_';
-    }
-  }
-  return word;
 }
 
 std::vector<Case> cases() {
@@ -346,8 +332,8 @@ std::vector<Case> cases() {
   for (const Operation& operation : operations()) {
     for (const bool onDispatcher : {false, true}) {
       if (!onDispatcher || operation.dispatcherWork) {
-        const std::string words = std::string(operation.name) + (onDispatcher ? " dispatcher" : " caller");
-        all.push_back({&operation, onDispatcher, ctestWord(words)});
+        all.push_back(
+            {&operation, onDispatcher, operation.name + std::string(onDispatcher ? "_dispatcher" : "_caller")});
       }
     }
   }
