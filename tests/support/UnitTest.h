@@ -251,39 +251,22 @@ class DispatcherHold {
 
 // Runs `body` (returning an int) in a forked child, which exits through exit() (static destructors and the
 // leak check included) with what `body` returned, or 1 if it failed a check. Returns that status, or -1 if the
-// child crashed or did not end within `limit` (it is then killed). The parent sleeps in sigtimedwait for the
-// child's SIGCHLD, in slices: another thread of the parent may take the signal. A child of a process that never
-// made a manager makes its own on first use.
+// child crashed or did not end within `limit` (an alarm set in the child then ends it). A child of a process that
+// never made a manager makes its own on first use.
 template <typename Body>
 int inChild(Body body, std::chrono::milliseconds limit = kPatience) {
-  sigset_t childEnded;
-  sigemptyset(&childEnded);
-  sigaddset(&childEnded, SIGCHLD);
-  sigset_t maskBefore;
-  pthread_sigmask(SIG_BLOCK, &childEnded, &maskBefore);
   std::fflush(stdout);
   const pid_t child = fork();
   if (child == 0) {
-    pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
+    std::signal(SIGALRM, SIG_DFL);  // NOLINT(cert-err33-c): the default action, which ends the process.
+    alarm(static_cast<unsigned>(std::chrono::ceil<std::chrono::seconds>(limit).count()));
     const int status = body();
     std::fflush(stdout);
     std::exit(::testing::Test::HasFailure() ? 1 : status);  // NOLINT(concurrency-mt-unsafe): one thread left.
   }
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  bool ended = true;
-  while (waitpid(child, &status, WNOHANG) != child) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      ended = false;
-      break;
-    }
-    const timespec slice{0, 50'000'000};
-    sigtimedwait(&childEnded, nullptr, &slice);
-  }
-  pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
-  return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  int status = -1;  // Not an exit status, should waitpid fail.
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace unit
