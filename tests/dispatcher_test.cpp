@@ -213,16 +213,27 @@ TEST(ManagerShutdown, DoesNotHangOnAnUnservedHandOffAndLeavesOnlyNoOps) {
   EXPECT_EQ(EventMgr::instance(), after);
 }
 
-// The last owner letting go inside a subscriber destroys the manager safely; the delivery goes on first.
+// The last owner letting go inside a subscriber destroys the manager safely once that delivery is over: the
+// delivery goes on first, and an event queued behind it (both queued while the dispatcher is held) is dropped.
 TEST(ManagerShutdown, ReleaseFromInsideASubscriber) {
   EventMgr& manager = *EventMgr::instance();
   Recorder releaser;
-  Recorder later;
+  Recorder later;  // Sees the hold's event and the requests (payload -1) too.
+  const auto testEventsLater = [&later] {
+    std::vector<int> payloads = later.payloads();
+    payloads.erase(std::remove(payloads.begin(), payloads.end(), -1), payloads.end());
+    return payloads;
+  };
   releaser.setAction([](const BaseEvent&) { shutDownManager(); });
   manager.subscribe("TestEvent", &releaser, &Recorder::onTest);
-  manager.subscribe("BaseEvent", &later, &Recorder::onTest);
-  manager.publish(TestEvent(), false);
-  ASSERT_TRUE(later.waitFor(1));
+  manager.subscribe("BaseEvent", &later, &Recorder::onBase);
+  {
+    DispatcherHold hold;
+    manager.publish(TestEvent(1), false);
+    manager.publish(TestEvent(2), false);
+  }
   ASSERT_TRUE(eventually([] { return !detail::isDefaultManagerCreated(); }));
+  EXPECT_FALSE(eventually([&] { return testEventsLater().size() > 1; }, std::chrono::milliseconds(200)));
+  EXPECT_EQ(testEventsLater(), std::vector<int>{1});
   EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);
 }

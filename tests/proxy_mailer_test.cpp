@@ -123,6 +123,8 @@ TEST(ProxyMailer, OrderingFollowsClientThenSets) {
                          EventMgr::ClientPtr(new ClientAdapter<Recorder, TestEvent>(&a, nullptr)));
   EXPECT_TRUE(p < pq && !(pq < p));
   EXPECT_TRUE(p < pT && !(pT < p));
+  const ProxyMailer qA(Names{"Q"}, Names{"A"}, clientA);  // The delayed set decides before the trigger set.
+  EXPECT_TRUE(pT < qA && !(qA < pT));
   EXPECT_TRUE(!(p < same) && !(same < p));
   const ProxyMailer forB(Names{"A"}, Names{"S"}, clientFor(b));
   EXPECT_EQ(p < forB, &a < &b);  // Same client class: the instance decides before the sets.
