@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -264,8 +265,9 @@ int inChild(Body body, std::chrono::milliseconds limit = kPatience) {
     std::fflush(stdout);
     std::exit(::testing::Test::HasFailure() ? 1 : status);  // NOLINT(concurrency-mt-unsafe): one thread left.
   }
-  int status = -1;  // Not an exit status, should waitpid fail.
-  waitpid(child, &status, 0);
+  int status = -1;                                              // Not an exit status, should waitpid fail.
+  while (waitpid(child, &status, 0) == -1 && errno == EINTR) {  // A signal handled meanwhile: wait on.
+  }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
