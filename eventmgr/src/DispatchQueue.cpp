@@ -177,14 +177,17 @@ bool DispatchQueue::takeFromAhead(Entry& entry) noexcept {
   return true;
 }
 
-void DispatchQueue::takeFromRing(const MutexLock& /*held*/, Entry& entry) {
+void DispatchQueue::popFront(const MutexLock& /*held*/, Entry& entry) noexcept {
   entry = std::move(slots_[head_]);
   head_ = (head_ + 1) & (capacity_ - 1);
   --size_;
+}
+
+void DispatchQueue::takeFromRing(const MutexLock& held, Entry& entry) {
+  popFront(held, entry);
   std::size_t ahead = 0;
-  for (; ahead < kTakeAhead && size_ != 0; ++ahead, --size_) {
-    taken_[ahead] = std::move(slots_[head_]);
-    head_ = (head_ + 1) & (capacity_ - 1);
+  for (; ahead < kTakeAhead && size_ != 0; ++ahead) {
+    popFront(held, taken_[ahead]);
   }
   takenEnd_ = ahead;
   takenNext_.store(0, std::memory_order_release);
@@ -203,9 +206,7 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
     MutexLock held(mutex_, kLockTries);
     frontPushesSeen_ = frontPushCount_;
     if (frontWaiting_ != 0) {
-      entry = std::move(slots_[head_]);
-      head_ = (head_ + 1) & (capacity_ - 1);
-      --size_;
+      popFront(held, entry);
       frontStillWaiting_ = --frontWaiting_ != 0;
       backlogged_ = true;
       // diagnostics hook: dequeue (high-water mark, tracepoint)

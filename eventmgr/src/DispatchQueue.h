@@ -157,6 +157,9 @@ class DispatchQueue {
   // Consumer thread: hands out the next entry taken ahead, unless there is
   // none, takeAll() claimed it, or a push at the front must overtake it.
   bool takeFromAhead(Entry& entry) noexcept;
+  // Holding mutex_ through `held`, with the ring not empty: moves its front
+  // entry into `entry`.
+  void popFront(const MutexLock& held, Entry& entry) noexcept VEXUTIL_REQUIRES(mutex_);
   // Consumer thread, holding mutex_ through `held`: moves the entry at the
   // ring's front into `entry`, and up to kTakeAhead of those behind it into
   // taken_.
