@@ -73,6 +73,16 @@ TEST(EventDispatcher, UncomposableReportIsDroppedAndAnEndedThreadIsReplaced) {
   EXPECT_NE(recorder.deliveries()[2].thread, recorder.deliveries()[1].thread);
 }
 
+// A TestEvent that counts its live copies.
+struct CountedEvent : TestEvent {
+  static std::atomic<int> live;
+  explicit CountedEvent(int payload) : TestEvent(Names{"Counted"}, payload) { ++live; }
+  CountedEvent(const CountedEvent& other) : TestEvent(other) { ++live; }
+  ~CountedEvent() override { --live; }
+  CountedEvent* clone() const override { return new CountedEvent(*this); }
+};
+std::atomic<int> CountedEvent::live{0};
+
 DispatchQueue::Entry entry(int payload) { return DispatchQueue::Entry{std::make_unique<TestEvent>(payload), {}}; }
 int payloadOf(const DispatchQueue::Entry& taken) {  // -1 for an entry handed out empty.
   const auto* const event = static_cast<const TestEvent*>(taken.get());
@@ -111,6 +121,24 @@ TEST(DispatchQueue, KeepsOrderAcrossGrowthWrapAroundAndFrontPushes) {
   queue.push(entry(-1), false);
   ASSERT_TRUE(queue.take(taken, &stopped));
   EXPECT_EQ(payloadOf(taken), -1);
+}
+
+// Copies handed back after their delivery are destroyed together, before the consumer's next visit of the
+// mutex: here, when it finds the queue empty.
+TEST(DispatchQueue, DestroysHandedBackCopiesTogetherBeforeItsNextVisit) {
+  DispatchQueue queue(IdleSpin::never());
+  const std::atomic<bool> stopped{true};
+  for (int i = 0; i < 3; ++i) {
+    queue.push(DispatchQueue::Entry{std::make_unique<CountedEvent>(i), {}}, true);
+  }
+  DispatchQueue::Entry taken;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(queue.take(taken, &stopped));
+    queue.handBack(std::move(taken));
+  }
+  EXPECT_EQ(CountedEvent::live.load(), 3);
+  EXPECT_FALSE(queue.take(taken, &stopped));
+  EXPECT_EQ(CountedEvent::live.load(), 0);
 }
 
 // The queue hands every entry over once, each pusher's in its order, whether its consumer spins between
@@ -214,7 +242,8 @@ TEST(ManagerShutdown, DoesNotHangOnAnUnservedHandOffAndLeavesOnlyNoOps) {
 }
 
 // The last owner letting go inside a subscriber destroys the manager safely once that delivery is over: the
-// delivery goes on first, and an event queued behind it (both queued while the dispatcher is held) is dropped.
+// delivery goes on first, an event queued behind it (both queued while the dispatcher is held) is dropped, and
+// the copies of both are destroyed, the delivered one too, which the ended dispatcher no longer frees.
 TEST(ManagerShutdown, ReleaseFromInsideASubscriber) {
   EventMgr& manager = *EventMgr::instance();
   Recorder releaser;
@@ -229,10 +258,11 @@ TEST(ManagerShutdown, ReleaseFromInsideASubscriber) {
   manager.subscribe("BaseEvent", &later, &Recorder::onBase);
   {
     DispatcherHold hold;
-    manager.publish(TestEvent(1), false);
-    manager.publish(TestEvent(2), false);
+    manager.publish(CountedEvent(1), false);
+    manager.publish(CountedEvent(2), false);
   }
   ASSERT_TRUE(eventually([] { return !detail::isDefaultManagerCreated(); }));
+  EXPECT_TRUE(eventually([] { return CountedEvent::live.load() == 0; }));
   EXPECT_FALSE(eventually([&] { return testEventsLater().size() > 1; }, std::chrono::milliseconds(200)));
   EXPECT_EQ(testEventsLater(), std::vector<int>{1});
   EXPECT_EQ(dynamic_cast<DefaultEventMgr*>(EventMgr::instance()), nullptr);

@@ -110,6 +110,7 @@ void DefaultEventMgr::shutDown() noexcept {
     // The dispatcher object stays until the manager is freed: a late call on
     // a retired manager still asks it whether it runs on the dispatcher
     // thread.
+    queue_.destroyHandedBack();  // The dispatcher has ended, or is this thread.
     pending.clear();
   } catch (...) {  // NOLINT(bugprone-empty-catch): the shutdown lets nothing out.
   }
@@ -287,6 +288,7 @@ void DefaultEventMgr::dispatchNext() {
         event.owned ? diagnostics::Delivered::kPublishedEvent : diagnostics::Delivered::kQueuedEntry);
     table_.deliver(*delivered);
   }
+  queue_.handBack(std::move(event));
   if (shutDownAfterDelivery_) {
     // A subscriber let the last share go during that delivery.
     shutDown();

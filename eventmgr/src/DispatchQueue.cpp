@@ -196,10 +196,28 @@ void DispatchQueue::takeFromRing(const MutexLock& held, Entry& entry) {
   backlogged_ = ahead != 0;
 }
 
+void DispatchQueue::handBack(Entry delivered) noexcept {
+  if (!delivered.owned) {
+    return;  // A shared entry goes now; its requester holds the other share.
+  }
+  if (handedBackCount_ == handedBack_.size()) {
+    destroyHandedBack();
+  }
+  handedBack_[handedBackCount_++] = std::move(delivered.owned);
+}
+
+void DispatchQueue::destroyHandedBack() noexcept {
+  for (std::size_t i = 0; i < handedBackCount_; ++i) {
+    handedBack_[i].reset();
+  }
+  handedBackCount_ = 0;
+}
+
 bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
   if (takeFromAhead(entry)) {
     return true;
   }
+  destroyHandedBack();  // Before the mutex, the spin or the wait.
   if (takenNext_.load(std::memory_order_relaxed) != takenEnd_) {
     // A push at the front came after some entries were taken ahead; the
     // entries pushed there since go first, and those taken ahead follow.

@@ -17,12 +17,19 @@
 // takeAll() count them, and a push at the front overtakes them as it
 // overtakes everything else.
 //
+// The consumer hands each delivered entry back, and the event copies that
+// the queue owned are destroyed a batch at a time: before the consumer's
+// next visit of the mutex, so at the latest before it waits, and never under
+// the mutex.
+//
 // Thread safety
 //   push(), wake(), size() and takeAll() may be called from any thread.
 //   take() is called by one consumer thread at a time; its spin state and
 //   the entries it took ahead are the consumer's own, except that
 //   takeAll() claims the entries not yet handed out through one atomic
-//   index. No subscriber code runs in here.
+//   index. No subscriber code runs in here; the destructors of delivered
+//   event copies run in take() and destroyHandedBack(), on the consumer
+//   thread, with no lock held.
 #ifndef VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
 #define VEXUTIL_EVENTMGR_SRC_DISPATCHQUEUE_H
 
@@ -135,6 +142,13 @@ class DispatchQueue {
   // returns false (an entry pushed meanwhile is taken by the next call).
   // Does not wait while `stop`, if given, is set. Never throws.
   bool take(Entry& entry, const std::atomic<bool>* stop);
+  // Consumer thread: takes back an entry whose delivery has ended. An event
+  // copy that the queue owned is destroyed later, with the others handed
+  // back before the next visit of the mutex; a shared one is let go now.
+  void handBack(Entry delivered) noexcept;
+  // Destroys the event copies handed back and not destroyed yet. On the
+  // consumer thread, or on any thread once the consumer has ended.
+  void destroyHandedBack() noexcept;
   // Wakes a consumer that waits in take(). Passing through the mutex
   // orders whatever the caller set before (a stop request) before the
   // consumer's next look at the queue, so the wake-up cannot be missed.
@@ -236,6 +250,14 @@ class DispatchQueue {
   std::uint64_t frontPushesSeen_ = 0;
   bool frontStillWaiting_ = false;
   std::size_t ringLeftAtTake_ = 0;
+  // Consumer thread only: the event copies handed back since the last visit
+  // of the mutex (at most the entries of one visit). The copies are
+  // allocated on the publishers' threads and freed on this one, into the
+  // allocator's lists that those threads are allocating from: freed a batch
+  // at a time instead of one after each delivery, four publishers with one
+  // subscriber on two cores took 0.78 to 0.90 of the time (three runs).
+  std::array<std::unique_ptr<BaseEvent>, kTakeAhead + 1> handedBack_;
+  std::size_t handedBackCount_ = 0;
 
   // The slot after the back entry; written by pushes at the back.
   alignas(kCacheLine) std::size_t tail_ VEXUTIL_GUARDED_BY(mutex_) = 0;
