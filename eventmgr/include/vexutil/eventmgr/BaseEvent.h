@@ -68,7 +68,10 @@ class VEXUTIL_API BaseEvent {
   BaseEvent& operator=(const BaseEvent& other);
   /// \par Thread
   /// Any thread. The manager destroys its copies on whichever thread lets go
-  /// of the last reference (usually the dispatcher thread).
+  /// of the last reference (usually the dispatcher thread). The dispatcher
+  /// destroys the copies of asynchronous publishes a few at a time after
+  /// their delivery, at the latest when it finds the queue empty, and never
+  /// under a lock of the manager.
   virtual ~BaseEvent();
 
   /// Returns a new heap copy of this event of the same dynamic class; the
