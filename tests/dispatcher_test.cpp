@@ -6,6 +6,7 @@
 #include "DispatchQueue.h"
 #include "EventDispatcher.h"
 #include "UnitTest.h"
+#include "YieldWatch.h"
 
 // Published events reach subscribers as clones, in publishing order, on the one dispatcher thread. An
 // asynchronous publish returns while the dispatcher is held, a synchronous one after its delivery; that thread
@@ -139,6 +140,37 @@ TEST(DispatchQueue, DestroysHandedBackCopiesTogetherBeforeItsNextVisit) {
   EXPECT_EQ(CountedEvent::live.load(), 3);
   EXPECT_FALSE(queue.take(taken, &stopped));
   EXPECT_EQ(CountedEvent::live.load(), 0);
+}
+
+// A late yield now and then pauses nothing; late ones among quick ones, as on a machine busy with other work, pause
+// giving way, for twice as long at each renewal; quick ones that bring the score back to 0 reset the length.
+TEST(YieldWatch, PausesGivingWayOnlyWhileYieldsKeepLosingTheCore) {
+  YieldWatch watch;
+  YieldWatch::Clock::time_point now = YieldWatch::Clock::now();
+  const auto yieldTaking = [&](std::chrono::microseconds took, int times = 1) {
+    for (int i = 0; i < times; ++i, now += took) {
+      watch.note(now, now + took);
+    }
+  };
+  const std::chrono::microseconds quick(1);
+  const std::chrono::microseconds late(4000);
+  const auto pausedFor = [&](std::chrono::milliseconds length) {
+    return !watch.pays(now) && !watch.pays(now + length - quick) && watch.pays(now + length);
+  };
+  yieldTaking(late);
+  yieldTaking(quick, 8);
+  yieldTaking(late);
+  yieldTaking(quick, 7);
+  yieldTaking(late);
+  EXPECT_TRUE(watch.pays(now));  // The quick yields worked off nearly all of each late one.
+  yieldTaking(late, 2);
+  EXPECT_TRUE(pausedFor(std::chrono::milliseconds(2)));
+  yieldTaking(quick);
+  yieldTaking(late);
+  EXPECT_TRUE(pausedFor(std::chrono::milliseconds(4)));
+  yieldTaking(quick, 64);
+  yieldTaking(late, 3);
+  EXPECT_TRUE(pausedFor(std::chrono::milliseconds(2)));
 }
 
 // The queue hands every entry over once, each pusher's in its order, whether its consumer spins between

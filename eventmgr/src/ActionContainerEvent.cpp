@@ -10,6 +10,7 @@
 #include <boost/thread/exceptions.hpp>
 
 #include "TypeNames.h"
+#include "YieldWatch.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -105,21 +106,25 @@ bool ActionContainerEvent::waitDone(Lock& lock, const Clock::time_point& deadlin
   if (syncData->done) {
     return true;
   }
-  if (lookFirst > Clock::duration::zero()) {
+  YieldWatch& yields = YieldWatch::processWide();
+  Clock::time_point now = Clock::now();
+  if (lookFirst > Clock::duration::zero() && yields.pays(now)) {
     // Most actions take a few microseconds. A timed sleep costs more than
     // that here: arming and cancelling its timer, and the wake-up. So first
     // give way a few times with the mutex released and look again; on a
     // machine where requester and dispatcher share a core, each yield hands
-    // the core to the dispatcher. `done` is still only read under the mutex.
-    const Clock::time_point lookEnd = (std::min)(deadline, Clock::now() + lookFirst);
+    // the core to the dispatcher. While yields lose the core to other work
+    // (YieldWatch), the requester blocks at once. `done` is still only read
+    // under the mutex.
+    const Clock::time_point lookEnd = (std::min)(deadline, now + lookFirst);
     do {
       lock.unlock();
-      std::this_thread::yield();
+      now = yields.yieldOnce(now);
       lock.lock();
       if (syncData->done) {
         return true;
       }
-    } while (Clock::now() < lookEnd);
+    } while (now < lookEnd);
   }
   // One timed wait on the requester's own mutex (the standard condition
   // has no internal mutex of its own that a woken waiter would sleep on a

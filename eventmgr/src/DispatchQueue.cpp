@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "DiagnosticsHooks.h"
+#include "YieldWatch.h"
 
 namespace vexutil {
 namespace eventmgr {
@@ -116,23 +117,25 @@ std::size_t DispatchQueue::size() const {
   return size_ + (takenEnd_ - takenNext_.load(std::memory_order_acquire));
 }
 
-bool DispatchQueue::spinForPush(const std::atomic<bool>* stop) const {
+bool DispatchQueue::spinForPush(Clock::time_point now, const std::atomic<bool>* stop) const {
   // The spin gives way at every turn instead of pausing: the thread that the
   // last delivery woke (a synchronous requester, a publisher) is often
   // queued on this very core, and a spin that kept the core would make it
   // wait for the spin to end. With nothing else to run, a yield returns at
-  // once and the spin goes on.
+  // once and the spin goes on. A yield that lost the core to other work
+  // ends the spin (YieldWatch).
   //
   // Only a hint beyond what the consumer has seen counts: a publisher's
   // store may still be on its way after the consumer saw its entry under
   // the mutex, and an old value is no news.
   const std::uint64_t seen = seenCount_;
-  const Clock::time_point spinEnd = Clock::now() + kIdleSpin;
+  YieldWatch& yields = YieldWatch::processWide();
+  const Clock::time_point spinEnd = now + kIdleSpin;
   while (pushHint_.load(std::memory_order_acquire) <= seen) {
-    if (isSet(stop) || Clock::now() >= spinEnd) {
+    if (isSet(stop) || now >= spinEnd) {
       return false;
     }
-    std::this_thread::yield();
+    now = yields.yieldOnce(now);
   }
   return true;
 }
@@ -247,9 +250,14 @@ bool DispatchQueue::take(Entry& entry, const std::atomic<bool>* stop) {
   // follows a look without a spin; the call after a wake-up judges nothing.
   bool judged = backlogged_ || woken_;
   woken_ = false;
+  // While yields lose the core to other work, the consumer blocks at once,
+  // and the wait judges the idle period.
   if (!judged && spin_.mayEverSpin() && bridgedInARow_ >= kBridgedInARowToSpin) {
-    judgeIdlePeriod(spinForPush(stop));
-    judged = true;
+    const Clock::time_point now = Clock::now();
+    if (YieldWatch::processWide().pays(now)) {
+      judgeIdlePeriod(spinForPush(now, stop));
+      judged = true;
+    }
   }
   MutexLock held(mutex_, kLockTries);
   seenCount_ = pushCount_;

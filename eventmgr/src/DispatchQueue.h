@@ -164,10 +164,10 @@ class DispatchQueue {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // Consumer thread, with the queue seen empty and mutex_ not held: spins,
-  // giving way, until a push is hinted at, `stop` is set or the spin window
-  // has passed. True when a push was hinted at.
-  bool spinForPush(const std::atomic<bool>* stop) const;
+  // Consumer thread, with the queue seen empty and mutex_ not held: spins
+  // from `now` on, giving way, until a push is hinted at, `stop` is set or
+  // the spin window has passed. True when a push was hinted at.
+  bool spinForPush(Clock::time_point now, const std::atomic<bool>* stop) const;
   // Consumer thread: hands out the next entry taken ahead, unless there is
   // none, takeAll() claimed it, or a push at the front must overtake it.
   bool takeFromAhead(Entry& entry) noexcept;
