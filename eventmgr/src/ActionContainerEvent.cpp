@@ -107,7 +107,7 @@ bool ActionContainerEvent::waitDone(Lock& lock, const Clock::time_point& deadlin
     return true;
   }
   YieldWatch& yields = YieldWatch::processWide();
-  Clock::time_point now = Clock::now();
+  Clock::time_point now = lookFirst > Clock::duration::zero() ? Clock::now() : Clock::time_point();
   if (lookFirst > Clock::duration::zero() && yields.pays(now)) {
     // Most actions take a few microseconds. A timed sleep costs more than
     // that here: arming and cancelling its timer, and the wake-up. So first

@@ -123,7 +123,8 @@ bool DispatchQueue::spinForPush(Clock::time_point now, const std::atomic<bool>* 
   // queued on this very core, and a spin that kept the core would make it
   // wait for the spin to end. With nothing else to run, a yield returns at
   // once and the spin goes on. A yield that lost the core to other work
-  // ends the spin (YieldWatch).
+  // outlasts the window and so ends the spin; YieldWatch counts it, and
+  // while such yields keep coming take() does not spin at all.
   //
   // Only a hint beyond what the consumer has seen counts: a publisher's
   // store may still be on its way after the consumer saw its entry under
